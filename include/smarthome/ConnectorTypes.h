@@ -1,0 +1,52 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+/// The plain types of the connector contract. Start reading at GenericConnector.h.
+namespace smarthome {
+
+/// Result of the request operations, 32 bits wide. All other values are reserved for other
+/// implementations of the contract.
+enum class RequestStatus : std::int32_t {
+    Success = 0,  ///< The request was sent (asynchronous) or answered (synchronous).
+    Failure = 4,  ///< It was not; the log and the metrics name the reason.
+};
+
+/// What a synchronous request returns.
+struct SyncRequestResult {
+    RequestStatus status = RequestStatus::Failure;
+    std::vector<char> response;  ///< The answer's bytes; empty on failure.
+};
+
+namespace ConnectorConstants {
+
+/// The kind of a connector. Other kinds belong to other connector libraries.
+enum ConnectorType : std::int32_t {
+    Nipc = 2,  ///< Local inter-process messaging, the one kind of this library.
+};
+
+}  // namespace ConnectorConstants
+
+/// Receives the answer to an asynchronous request. `data` points to `length` bytes that are valid only
+/// during the call, and may be null when `length` is 0.
+using AsyncResponseCallback = std::function<void(bool success, const char* data, unsigned int length)>;
+
+/// Receives an event. `data` points to `length` bytes that are valid only during the call, and may be
+/// null when `length` is 0.
+using EventHandler = std::function<void(const char* data, unsigned int length)>;
+
+/// Answers a synchronous request by returning the response bytes, 1 to 16384 of them. An empty vector
+/// is reported to the client as a failure.
+using SyncRequestHandler = std::function<std::vector<char>(const char* data, unsigned int length)>;
+
+/// Answers an asynchronous request by calling `respond`, now or later, from any thread, with up to
+/// 5 MiB. `requestId` tells concurrent requests apart ("<client id>_<request context>"). `data` is valid
+/// only during the call. Every call of `respond` sends one more answer; the client takes the first.
+using AsyncRequestHandler = std::function<void(
+    const char* data, unsigned int length,
+    std::function<void(bool success, const char* data, unsigned int length)> respond, const std::string& requestId)>;
+
+}  // namespace smarthome
