@@ -1,0 +1,142 @@
+#include "Process.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <iostream>
+#include <stdexcept>
+
+namespace processes {
+namespace {
+
+constexpr int kPatienceMs = static_cast<int>(std::chrono::milliseconds(kPatience).count());
+
+std::string makeDirectory() {
+    std::string name = (std::filesystem::temp_directory_path() / "nipctest.XXXXXX").string();
+    if (mkdtemp(name.data()) == nullptr) throw std::runtime_error("mkdtemp");
+    return name;
+}
+
+std::size_t entries(pid_t pid, const char* kind) {
+    const std::filesystem::path directory = "/proc/" + std::to_string(pid) + "/" + kind;
+    std::size_t count = 0;
+    std::error_code ignored;
+    for (std::filesystem::directory_iterator i(directory, ignored), end; i != end; i.increment(ignored)) ++count;
+    return count;
+}
+
+}  // namespace
+
+ServiceDirectory::ServiceDirectory() : path(makeDirectory()) { setenv("NEX_NIPC_DIR", path.c_str(), 1); }
+
+ServiceDirectory::~ServiceDirectory() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path, ignored);
+}
+
+Process::Process(const std::vector<std::string>& roleAndArguments) {
+    int ends[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) throw std::runtime_error("socketpair");
+    channel_ = ends[0];
+    std::vector<std::string> words{"/proc/self/exe", "--role", std::to_string(getpid())};
+    words.insert(words.end(), roleAndArguments.begin(), roleAndArguments.end());
+    std::vector<char*> argv;
+    for (std::string& word : words) argv.push_back(word.data());
+    argv.push_back(nullptr);
+
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, ends[1], STDIN_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
+    const int error = posix_spawn(&pid_, "/proc/self/exe", &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    close(ends[1]);
+    if (error != 0) throw std::runtime_error("posix_spawn");
+}
+
+Process::~Process() {
+    kill();
+    close(channel_);
+}
+
+void Process::send(const std::string& line) {
+    const std::string text = line + "\n";
+    ::send(channel_, text.data(), text.size(), MSG_NOSIGNAL);
+}
+
+std::string Process::hear() {
+    for (;;) {
+        if (const auto end = heard_.find('\n'); end != std::string::npos) {
+            std::string line = heard_.substr(0, end);
+            heard_.erase(0, end + 1);
+            return line;
+        }
+        pollfd ready{channel_, POLLIN, 0};
+        char buffer[4096];
+        if (poll(&ready, 1, kPatienceMs) <= 0) return {};
+        const ssize_t size = read(channel_, buffer, sizeof buffer);
+        if (size <= 0) return {};
+        heard_.append(buffer, static_cast<std::size_t>(size));
+    }
+}
+
+void Process::kill() {
+    if (pid_ <= 0) return;
+    ::kill(pid_, SIGKILL);
+    reap();
+}
+
+int Process::wait() {
+    if (pid_ <= 0) return status_;
+    const int pidFd = static_cast<int>(syscall(SYS_pidfd_open, pid_, 0));
+    pollfd ended{pidFd, POLLIN, 0};
+    const bool hangs = poll(&ended, 1, kPatienceMs) <= 0;
+    close(pidFd);
+    if (hangs)
+        kill();
+    else
+        reap();
+    return hangs ? -1 : status_;
+}
+
+void Process::reap() {
+    int status = 0;
+    waitpid(pid_, &status, 0);
+    status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    pid_ = -1;
+}
+
+int runRole(int argc, char** argv, const std::map<std::string, Role>& roles) {
+    if (argc < 4 || std::string(argv[1]) != "--role") return -1;
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != std::atoi(argv[2])) return 1;
+    const auto role = roles.find(argv[3]);
+    return role == roles.end() ? 1 : role->second(std::vector<std::string>(argv + 4, argv + argc));
+}
+
+void say(const std::string& line) {
+    std::printf("%s\n", line.c_str());
+    std::fflush(stdout);
+}
+
+std::string hearParent() {
+    std::string line;
+    std::getline(std::cin, line);
+    return line;
+}
+
+std::size_t descriptorCount(pid_t pid) { return entries(pid, "fd"); }
+std::size_t taskCount(pid_t pid) { return entries(pid, "task"); }
+
+}  // namespace processes
