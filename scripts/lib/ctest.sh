@@ -1,0 +1,31 @@
+# shellcheck shell=bash
+# Shared by the scripts: running tests. Needs setup.sh.
+
+export ASAN_OPTIONS=detect_leaks=1:detect_stack_use_after_return=1
+export UBSAN_OPTIONS=print_stacktrace=1
+export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
+
+# run_tests BUILD LABEL: runs the tests of that label. No test at all, or one that was skipped, is a failure.
+run_tests() {
+    local log
+    log=$(mktemp)
+    say "tests: $2"
+    if ! ctest --test-dir "$1" --label-regex "^$2\$" --no-tests=error --output-on-failure \
+        --parallel "$(nproc)" | tee "$log"; then
+        rm -f "$log"
+        die "tests of $2 failed"
+    fi
+    if grep -qE '\*\*\*(Skipped|Not Run)|Disabled' "$log"; then
+        rm -f "$log"
+        die "tests of $2 were skipped"
+    fi
+    rm -f "$log"
+}
+
+# Runs the script anew with fixed addresses: ThreadSanitizer needs them where the kernel randomizes more bits
+# than it knows of.
+without_address_randomization() {
+    [ -z "${NIPC_ADDRESSES_FIXED:-}" ] || return 0
+    setarch "$(uname -m)" -R true 2>/dev/null || return 0
+    NIPC_ADDRESSES_FIXED=1 exec setarch "$(uname -m)" -R "$0" "$@"
+}
