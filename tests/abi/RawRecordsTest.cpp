@@ -1,0 +1,306 @@
+// The connector against a platform library that knows the records by byte offsets alone (RawPlatform.c).
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "RawPlatform.h"
+#include "nipcconnector/NIPCConnector.h"
+
+using nipcconnector::NIPCConnector;
+
+namespace {
+
+constexpr std::uint16_t kUuid = 0x1234;
+constexpr std::uint16_t kPeer = 77;
+constexpr std::uint16_t kEvent = 58857;    // "temperatureChanged"
+constexpr std::uint16_t kRequest = 49449;  // "getTemperature"
+enum Type : std::uint32_t { Sync, Async, Callback, Event };
+
+class Lines final : public nipcconnector::ILogger {
+public:
+    void info(const char* format, ...) override NIPC_PRINTF_FORMAT;
+    void debug(const char* format, ...) override NIPC_PRINTF_FORMAT;
+    void error(const char* format, ...) override NIPC_PRINTF_FORMAT;
+    void warn(const char* format, ...) override NIPC_PRINTF_FORMAT;
+
+    /// Waits until the line has been logged, and forgets it and all before it.
+    bool take(const std::string& line) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        const auto found = [&] {
+            for (std::size_t i = 0; i < lines_.size(); ++i)
+                if (lines_[i] == line)
+                    return lines_.erase(lines_.begin(), lines_.begin() + static_cast<long>(i) + 1), true;
+            return false;
+        };
+        return logged_.wait_for(lock, std::chrono::seconds(20), found);
+    }
+
+private:
+    void add(const char* format, va_list arguments) {
+        char line[512];
+        std::vsnprintf(line, sizeof line, format, arguments);
+        const std::lock_guard<std::mutex> lock(mutex_);
+        lines_.emplace_back(line);
+        logged_.notify_all();
+    }
+
+    std::mutex mutex_;
+    std::condition_variable logged_;
+    std::vector<std::string> lines_;
+};
+
+#define LINES_LEVEL(level)                       \
+    void Lines::level(const char* format, ...) { \
+        va_list arguments;                       \
+        va_start(arguments, format);             \
+        add(format, arguments);                  \
+        va_end(arguments);                       \
+    }
+LINES_LEVEL(info)
+LINES_LEVEL(debug)
+LINES_LEVEL(error)
+LINES_LEVEL(warn)
+
+/// A value at an offset; `any` for an address that only has to be there.
+struct Field {
+    unsigned offset;
+    unsigned width;
+    std::uint32_t value;
+    bool any = false;
+};
+
+std::uint32_t at(RawRecord record, unsigned offset, unsigned width = 4) {
+    std::uint32_t value = 0;
+    std::memcpy(&value, raw_captured(record)->bytes + offset, width);
+    return value;
+}
+
+/// Every field holds its value and every byte outside of them (up to `size`) is zero.
+void expectRecord(RawRecord record, unsigned size, const std::vector<Field>& fields) {
+    std::vector<unsigned char> rest(raw_captured(record)->bytes, raw_captured(record)->bytes + size);
+    for (const Field& field : fields) {
+        if (field.any)
+            EXPECT_NE(at(record, field.offset, field.width), 0U) << "offset " << field.offset;
+        else
+            EXPECT_EQ(at(record, field.offset, field.width), field.value) << "offset " << field.offset;
+        std::fill_n(rest.begin() + static_cast<long>(field.offset), field.width, static_cast<unsigned char>(0));
+    }
+    EXPECT_EQ(rest, std::vector<unsigned char>(size)) << "a byte without a name is not zero";
+}
+
+std::string payloadOf(RawRecord record) { return {raw_captured(record)->payload, raw_captured(record)->payloadSize}; }
+
+std::uint32_t addressOf(const void* object) {
+    return static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(object));
+}
+
+int deliver(bool toService, std::uint32_t type, std::uint16_t function, std::uint32_t context, std::string data,
+            std::int32_t* status) {
+    auto length = static_cast<std::uint32_t>(data.size());
+    const RawMessage message{toService, kPeer, type, function, 0, &length, status, data.data(), context};
+    return raw_deliver(&message);
+}
+
+int deliverEvent(bool toService, std::uint16_t event, std::uint16_t peer, std::int32_t status = 0) {
+    std::uint32_t length = 0;
+    const RawMessage message{toService, peer, Event, 0, event, &length, &status, nullptr, 0};
+    return raw_deliver(&message);
+}
+
+struct Reply {
+    int count = 0;
+    bool success = false;
+    std::string data;
+};
+
+smarthome::AsyncResponseCallback into(Reply& reply) {
+    return [&reply](bool success, const char* data, unsigned int length) {
+        reply = Reply{reply.count + 1, success, data == nullptr ? "" : std::string(data, length)};
+    };
+}
+
+class RawRecords : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        server = open(false, serverLines);
+        client = open(true, clientLines);
+        ASSERT_TRUE(raw_wait(RAW_CONNECT));
+        ASSERT_TRUE(clientLines->take("Successfully connected to server"));
+        server->registerSyncRequestHandler("getTemperature", [](const char* data, unsigned int length) {
+            return std::vector<char>(data, data + length / 2);
+        });
+        server->registerAsyncRequestHandler("getTemperature", [](const char* data, unsigned int length, auto respond,
+                                                                 const std::string&) { respond(true, data, length); });
+    }
+
+    static std::shared_ptr<NIPCConnector> open(bool isClient, Lines*& lines) {
+        auto logger = std::make_unique<Lines>();
+        lines = logger.get();
+        auto connector = NIPCConnector::getInstance(isClient, "raw", {"raw", kUuid}, std::move(logger), nullptr);
+        connector->initialize();
+        return connector;
+    }
+
+    static std::shared_ptr<NIPCConnector> server;
+    static std::shared_ptr<NIPCConnector> client;
+    static Lines* serverLines;
+    static Lines* clientLines;
+};
+
+std::shared_ptr<NIPCConnector> RawRecords::server;
+std::shared_ptr<NIPCConnector> RawRecords::client;
+Lines* RawRecords::serverLines = nullptr;
+Lines* RawRecords::clientLines = nullptr;
+
+TEST_F(RawRecords, AServiceStartsAndAClientConnects) {
+    expectRecord(RAW_START, 1184,
+                 {{0, 2, kUuid},
+                  {8, 4, 0, true},
+                  {12, 4, 16384},
+                  {16, 2, 10},
+                  {20, 4, 1},
+                  {32, 4, 1},
+                  {36, 4, addressOf(server.get())}});
+    expectRecord(RAW_CONNECT, 1164,
+                 {{0, 2, kUuid}, {4, 4, 0, true}, {8, 4, 16384}, {12, 4, 1}, {16, 4, addressOf(client.get())}});
+}
+
+TEST_F(RawRecords, AnAsynchronousRequestIsAnsweredByItsContext) {
+    for (const bool good : {true, false}) {
+        Reply reply;
+        ASSERT_EQ(client->makeAsyncRequest("", "abc", "hello", 5, into(reply)), smarthome::RequestStatus::Success);
+        expectRecord(RAW_ASYNC, 28, {{0, 2, 36949}, {4, 4, 0, true}, {8, 4, 5}, {16, 2, 36949}, {24, 4, 0, true}});
+        EXPECT_EQ(raw_captured(RAW_ASYNC)->handle, 42);
+        EXPECT_EQ(payloadOf(RAW_ASYNC), "hello");
+
+        std::int32_t status = 0;
+        EXPECT_EQ(deliver(false, Callback, good ? 1002 : 1003, at(RAW_ASYNC, 24), "answer", &status), 0);
+        EXPECT_EQ(reply.count, 1);
+        EXPECT_EQ(reply.success, good);
+        EXPECT_EQ(reply.data, "answer");
+    }
+}
+
+TEST_F(RawRecords, ASynchronousRequestIsAnsweredInPlace) {
+    raw_answerWith("21.5");
+    const smarthome::SyncRequestResult result = client->makeSyncRequest("", "getTemperature", "celsius", 7);
+    expectRecord(RAW_SYNC, 24,
+                 {{0, 2, kRequest}, {4, 4, 0, true}, {8, 4, 7}, {12, 4, 0, true}, {16, 4, 16384}, {20, 4, 1}});
+    EXPECT_EQ(payloadOf(RAW_SYNC), "celsius");
+    EXPECT_EQ(result.status, smarthome::RequestStatus::Success);
+    EXPECT_EQ(std::string(result.response.begin(), result.response.end()), "21.5");
+}
+
+TEST_F(RawRecords, AServiceAnswersASynchronousRequestInItsBuffer) {
+    std::vector<char> buffer(16384, 'x');
+    std::memcpy(buffer.data(), "21.5|???", 8);
+    std::uint32_t length = 8;
+    std::int32_t status = 99;
+    const RawMessage known{1, kPeer, Sync, kRequest, 0, &length, &status, buffer.data(), 0};
+    EXPECT_EQ(raw_deliver(&known), 0);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(std::string(buffer.data(), length), "21.5");
+
+    const RawMessage unknown{1, kPeer, Sync, 2000, 0, &length, &status, buffer.data(), 0};
+    EXPECT_EQ(raw_deliver(&unknown), 0);
+    EXPECT_EQ(status, -1);
+}
+
+TEST_F(RawRecords, AServiceEchoesTheContextOfAnAsynchronousRequest) {
+    std::int32_t status = 99;
+    EXPECT_EQ(deliver(true, Async, kRequest, 0xFEDCBA98U, "set", &status), 0);
+    EXPECT_EQ(status, 0);
+    expectRecord(RAW_CALLBACK, 24, {{4, 2, 1002}, {6, 6, 0, true}, {12, 4, 0, true}, {16, 4, 3}, {20, 4, 0xFEDCBA98U}});
+    EXPECT_EQ(raw_captured(RAW_CALLBACK)->handle, 41);
+    EXPECT_EQ(raw_captured(RAW_CALLBACK)->client, kPeer);
+    EXPECT_EQ(payloadOf(RAW_CALLBACK), "set");
+}
+
+TEST_F(RawRecords, EventsGoToClientsWhileTheyAreConnected) {
+    EXPECT_EQ(deliverEvent(true, 65531, kPeer), 0);
+    EXPECT_TRUE(server->publishEvent("temperatureChanged", std::string("22")));
+    expectRecord(RAW_CALLBACK, 24, {{4, 2, kEvent}, {12, 4, 0, true}, {16, 4, 2}});
+    EXPECT_EQ(raw_captured(RAW_CALLBACK)->client, kPeer);
+
+    EXPECT_TRUE(server->publishEvent("temperatureChanged", std::string(20000, 'e')));
+    expectRecord(RAW_SHARE, 16, {{0, 4, 1}, {4, 4, 10}, {8, 4, 0, true}, {12, 4, 0, true}});
+    expectRecord(RAW_METADATA, 10, {{0, 4, 20000}, {4, 2, kEvent}});
+    EXPECT_EQ(payloadOf(RAW_SHARE), std::string(20000, 'e'));
+
+    EXPECT_EQ(deliverEvent(true, 65532, kPeer), 0);
+    const unsigned before = raw_captured(RAW_CALLBACK)->count;
+    EXPECT_TRUE(server->publishEvent("temperatureChanged"));
+    EXPECT_EQ(raw_captured(RAW_CALLBACK)->count, before);
+}
+
+TEST_F(RawRecords, AClientReceivesEvents) {
+    std::string seen;
+    client->subscribeForEvent("", "temperatureChanged",
+                              [&seen](const char* data, unsigned int length) { seen.assign(data, length); });
+    std::int32_t status = 0;
+    EXPECT_EQ(deliver(false, Callback, kEvent, 0, "22.5", &status), 0);
+    EXPECT_EQ(seen, "22.5");
+    client->unsubscribeForEvent("", "temperatureChanged");
+}
+
+TEST_F(RawRecords, LargeRequestsAndAnswersTravelInSharedRegions) {
+    Reply reply;
+    const std::string large(16384, 'L');
+    ASSERT_EQ(client->makeAsyncRequest("", "abc", large.data(), 16384, into(reply)), smarthome::RequestStatus::Success);
+    expectRecord(RAW_SHARE, 16, {{0, 4, 1}, {4, 4, 10}, {8, 4, 0, true}, {12, 4, 0, true}});
+    expectRecord(RAW_METADATA, 10, {{0, 4, 16384}, {4, 2, 36949}, {6, 4, 0, true}});
+    EXPECT_EQ(payloadOf(RAW_SHARE), large);
+
+    std::int32_t status = 0;
+    EXPECT_EQ(raw_deliverShared(0, 0, 1002, at(RAW_METADATA, 6), "a shared answer", &status), 0);
+    EXPECT_EQ(reply.data, "a shared answer");
+    expectRecord(RAW_ASYNC, 28, {{0, 2, 1000}, {16, 2, 1000}});
+
+    EXPECT_EQ(raw_deliverShared(1, kPeer, kRequest, 0x80000001U, "a shared request", &status), 0);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(payloadOf(RAW_CALLBACK), "a shared request");
+    EXPECT_EQ(at(RAW_CALLBACK, 20), 0x80000001U);
+}
+
+TEST_F(RawRecords, EveryOtherKindOfMessageIsUnderstood) {
+    const struct {
+        bool toService;
+        std::uint32_t type;
+        const char* line;
+    } cases[] = {
+        {true, 2, "received callback"},        {true, 4, "received broadcast event"},
+        {true, 5, "received multicast event"}, {true, 6, "Invalid NIPC type"},
+        {true, 7, "unhandled NIPC type: 7"},   {false, 0, "Handle sync function"},
+        {false, 1, "Handle async function"},   {false, 4, "Handle broadcast event"},
+        {false, 5, "Handle multicast event"},  {false, 6, "Invalid NIPC callback"},
+        {false, 7, "unhandled NIPC type: 7"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.line);
+        std::int32_t status = 0;
+        EXPECT_EQ(deliver(c.toService, c.type, 2000, 0, "", &status), 0);
+        EXPECT_TRUE((c.toService ? serverLines : clientLines)->take(c.line));
+    }
+}
+
+TEST_F(RawRecords, AClientFollowsTheStateOfItsService) {
+    EXPECT_EQ(deliverEvent(false, 65533, 0x4321), 0);
+    EXPECT_TRUE(clientLines->take("SERVER_UP event from UUID: 17185"));
+    EXPECT_EQ(deliverEvent(false, 65520, 0, 0), 0);
+    EXPECT_TRUE(clientLines->take("NEX_NIPC_EVENT_CONNECTION_DONE with status: 0"));
+    EXPECT_EQ(deliverEvent(false, 65534, 0), 0);
+    EXPECT_TRUE(clientLines->take("Disconnected from VLRS service"));
+    EXPECT_TRUE(clientLines->take("Successfully connected to server"));
+    EXPECT_EQ(deliverEvent(false, 65520, 0, -111), 0);
+    EXPECT_TRUE(clientLines->take("Failed to connect to server"));
+    EXPECT_TRUE(clientLines->take("Successfully connected to server"));
+}
+
+}  // namespace
