@@ -36,13 +36,13 @@ void offerTemperature(NIPCConnector& server, const std::shared_ptr<Heater>& heat
     server.registerSyncRequestHandler(
         getTemperature, [heater](const char*, unsigned int) { return bytes(toText(heater->temperature())); });
 
-    server.registerAsyncRequestHandler(
-        setTarget, [heater](const char* data, unsigned int length, Respond respond, const std::string& requestId) {
-            // Heating takes a while: the heater's thread answers, and other requests are served meanwhile.
-            const std::string text(data, length);  // `data` is gone when this handler returns.
-            std::printf("request %s: heat to %s\n", requestId.c_str(), text.c_str());
-            heater->setTarget(std::strtod(text.c_str(), nullptr), [respond, text] { respondWith(respond, text); });
-        });
+    server.registerAsyncRequestHandler(setTarget, [heater](const char* data, unsigned int length,
+                                                           const Respond& respond, const std::string& requestId) {
+        // Heating takes a while: the heater's thread answers, and other requests are served meanwhile.
+        const std::string text(data, length);  // `data` is gone when this handler returns.
+        std::printf("request %s: heat to %s\n", requestId.c_str(), text.c_str());
+        heater->setTarget(std::strtod(text.c_str(), nullptr), [respond, text] { respondWith(respond, text); });
+    });
 
     server.registerAsyncRequestHandler(
         readSensors, [heater](const char*, unsigned int, const Respond& respond, const std::string&) {
