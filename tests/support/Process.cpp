@@ -15,9 +15,10 @@
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
+#include <sstream>
 #include <stdexcept>
 
-namespace processes {
+namespace nipctest {
 namespace {
 
 constexpr int kPatienceMs = static_cast<int>(std::chrono::milliseconds(kPatience).count());
@@ -45,21 +46,31 @@ ServiceDirectory::~ServiceDirectory() {
     std::filesystem::remove_all(path, ignored);
 }
 
-Process::Process(const std::vector<std::string>& roleAndArguments) {
+std::vector<std::string> thisProgram() {
+    std::vector<std::string> words;
+#ifdef NIPC_TEST_EMULATOR
+    std::istringstream emulator(NIPC_TEST_EMULATOR);
+    for (std::string word; emulator >> word;) words.push_back(word);
+#endif
+    words.push_back(std::filesystem::read_symlink("/proc/self/exe"));
+    return words;
+}
+
+Process::Process(const std::vector<std::string>& roleAndArguments, std::vector<std::string> program) {
     int ends[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) throw std::runtime_error("socketpair");
     channel_ = ends[0];
-    std::vector<std::string> words{"/proc/self/exe", "--role", std::to_string(getpid())};
-    words.insert(words.end(), roleAndArguments.begin(), roleAndArguments.end());
+    program.insert(program.end(), {"--role", std::to_string(getpid())});
+    program.insert(program.end(), roleAndArguments.begin(), roleAndArguments.end());
     std::vector<char*> argv;
-    for (std::string& word : words) argv.push_back(word.data());
+    for (std::string& word : program) argv.push_back(word.data());
     argv.push_back(nullptr);
 
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, ends[1], STDIN_FILENO);
     posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
-    const int error = posix_spawn(&pid_, "/proc/self/exe", &actions, nullptr, argv.data(), environ);
+    const int error = posix_spawnp(&pid_, argv[0], &actions, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
     close(ends[1]);
     if (error != 0) throw std::runtime_error("posix_spawn");
@@ -139,4 +150,4 @@ std::string hearParent() {
 std::size_t descriptorCount(pid_t pid) { return entries(pid, "fd"); }
 std::size_t taskCount(pid_t pid) { return entries(pid, "task"); }
 
-}  // namespace processes
+}  // namespace nipctest

@@ -9,7 +9,7 @@
 
 /// Real processes for tests: a test program starts itself again in one of its roles and talks with it in
 /// lines. No process outlives the test program.
-namespace processes {
+namespace nipctest {
 
 /// How long anything may take that is expected to happen: generous, for slow machines and sanitizers.
 constexpr std::chrono::seconds kPatience{20};
@@ -24,10 +24,14 @@ public:
     const std::string path;
 };
 
-/// This program again, in a role. Killed when the object goes.
+/// The command that starts this program; the emulator comes first where the build machine cannot run it by itself.
+std::vector<std::string> thisProgram();
+
+/// This program again, or another one, in a role. Killed when the object goes.
 class Process {
 public:
-    explicit Process(const std::vector<std::string>& roleAndArguments);
+    explicit Process(const std::vector<std::string>& roleAndArguments,
+                     std::vector<std::string> program = thisProgram());
     ~Process();
     Process(const Process&) = delete;
     Process& operator=(const Process&) = delete;
@@ -63,4 +67,4 @@ std::string hearParent();
 std::size_t descriptorCount(pid_t pid);
 std::size_t taskCount(pid_t pid);
 
-}  // namespace processes
+}  // namespace nipctest
