@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -21,6 +22,8 @@
 
 namespace bench {
 namespace {
+
+constexpr int idlePerProcess = 100;  // The platform lets one process have 128 connections to a service.
 
 using Body = std::function<void(Subject& subject)>;
 
@@ -65,8 +68,8 @@ void keepCalling(const Options& options, Subject& subject, SharedPage& page) {
     for (long turn = 0;; ++turn) subject.call(0, turn, data.data(), data.size());
 }
 
-void keepIdle(const Options& options, Subject& subject, SharedPage& page) {
-    subject.connectIdle(options.idle);
+void keepIdle(int connections, Subject& subject, SharedPage& page) {
+    subject.connectIdle(connections);
     ++page.helpersReady;
     for (;;) pause();
 }
@@ -125,17 +128,17 @@ int supervise(Options options, const Measure& measure) {
             body(subject);
         };
     };
-    const int helpers = options.clients - 1 + (options.idle > 0 ? 1 : 0);
     std::vector<pid_t> children{spawn(options, Role::Service, [&](Subject& s) { serve(options, s, page); })};
-    for (int i = 1; i < options.clients; ++i)
-        children.push_back(
-            spawn(options, Role::Client, whenServing([&](Subject& s) { keepCalling(options, s, page); })));
-    if (options.idle > 0)
-        children.push_back(spawn(options, Role::Client, whenServing([&](Subject& s) { keepIdle(options, s, page); })));
-    children.push_back(spawn(options, Role::Client, whenServing([&](Subject& s) {
-                                 while (page.helpersReady < helpers) nap(1000);
-                                 measure(options, s, page, children.front());
-                             })));
+    const auto addClient = [&](const Body& body) {
+        children.push_back(spawn(options, Role::Client, whenServing(body)));
+    };
+    for (int i = 1; i < options.clients; ++i) addClient([&](Subject& s) { keepCalling(options, s, page); });
+    for (int left = options.idle; left > 0; left -= idlePerProcess)
+        addClient([&, count = std::min(left, idlePerProcess)](Subject& s) { keepIdle(count, s, page); });
+    addClient([&, helpers = static_cast<int>(children.size()) - 1](Subject& s) {
+        while (page.helpersReady < helpers) nap(1000);
+        measure(options, s, page, children.front());
+    });
 
     const int status = awaitClient(children.back(), options.seconds * 2 + 60);
     for (const pid_t child : children) kill(child, SIGKILL);
