@@ -17,6 +17,8 @@
 #include "smarthome/GenericConnector.h"
 
 struct nexNipc_parameter_t;
+struct ServerStartRecord;
+struct ShareFdMsg;
 
 namespace nipcconnector {
 
@@ -107,8 +109,25 @@ private:
         void stopRetry();
         bool isActive() const;
 
+        /// The two halves of stopRetry. False when no retry was running; then there is nothing to wait for.
+        bool requestStop();
+        void awaitStop(std::uint64_t deadline);
+        static std::uint64_t stopDeadline();
+
+        /// A success makes starts that were refused before it pointless.
+        void forgetRefusedStart();
+
     private:
         friend struct ConnectorTestAccess;
+        struct Run;
+
+        void retryWorkerThread();
+        bool retryUntilDone(Run& run);
+        void loadOperation(Run& run);
+        bool goesRoundAgain(bool succeeded);
+        void reportSuccess(const Run& run);
+        void reportFailure(Run& run, std::int32_t status);
+        void pause(std::uint64_t milliseconds) const;
 
         NIPCConnector* connector;
         std::thread workerThread;
@@ -120,7 +139,15 @@ private:
         std::string operationName;
         std::int32_t attemptCount = 0;
         std::uint64_t startTime = 0;
+        // A start that came while another retry was running, for the worker to find when it ends. `mutex`
+        // guards all from `threadFinished` to the end, and `workerThread`.
+        bool startRefused = false;
+        std::function<std::int32_t()> refusedOperation;
+        std::string refusedName;
     };
+
+    friend struct Registry;
+    static void stopAll(const std::vector<std::shared_ptr<NIPCConnector>>& connectors);
 
     // Lifecycle.
     bool initClient();
@@ -128,16 +155,35 @@ private:
     bool deinitClient();
     void handleConnectionResult(bool success);
     void handleServerDisconnection();
+    std::int32_t connectToService();
+    std::int32_t startService(const ServerStartRecord& record);
+    std::int32_t startServiceAgain(const ServerStartRecord& record);
+    void adoptServiceHandle();
+    void markConnected();
+    bool hasValidConfig() const;
 
     // Client side.
+    bool takeConnection(bool isAsync, std::int32_t& handle);
+    void countAsyncRequestFailure(const std::string& requestName, const char* reason, unsigned int length);
+    void countSyncRequestFailure(const char* reason);
     bool nipcSendAsyncRequest(std::uint16_t functionId, const char* payload, unsigned int length, void* context);
     bool nipcSendSyncRequest(std::uint16_t functionId, const char* payload, unsigned int length, char* response,
                              unsigned int* responseLength);
     static int clientListener(nexNipc_parameter_t* param);
+    void dispatchToClient(nexNipc_parameter_t& param);
+    void dispatchCallback(nexNipc_parameter_t& param);
+    void dispatchConnectionEvent(const nexNipc_parameter_t& param);
     bool handleFunctionCallback(std::uint16_t functionId, const char* data, unsigned int length, void* context);
 
     // Server side.
     static int serverListener(nexNipc_parameter_t* param);
+    int dispatchToServer(nexNipc_parameter_t& param, CallbackManager& manager);
+    int answerSyncRequest(nexNipc_parameter_t& param, CallbackManager& manager);
+    void dispatchAsyncFunction(nexNipc_parameter_t& param, CallbackManager& manager);
+    void trackClient(const nexNipc_parameter_t& param);
+    void sendAsyncResponse(std::uint16_t clientId, bool success, const char* data, unsigned int length,
+                           void* requestContext);
+    std::int32_t currentHandle();
     bool handleAsyncRequest(const std::string& name, const char* data, unsigned int length, std::uint16_t clientId,
                             std::uint16_t reserved, void* requestContext);
     bool nipcSendEvent(std::uint16_t clientId, std::uint16_t functionId, const char* data, unsigned int length,
@@ -146,7 +192,14 @@ private:
     // Large payloads.
     bool sendLargePayload(std::uint16_t functionId, const char* data, unsigned int length, void* requestContext,
                           std::uint16_t targetClientId);
+    bool shareAndWait(ShareFdMsg& message, unsigned int length, std::uint16_t targetClientId);
+    bool failLargePayload(const char* reason, unsigned int length);
+    void acknowledgeTransfer();
     bool processFd(nexNipc_parameter_t* param);
+    bool acknowledgeFd(std::uint16_t peerId, unsigned int length);
+    bool dispatchFd(std::uint16_t peerId, std::uint16_t functionId, const char* data, unsigned int length,
+                    void* requestContext);
+    bool failFd(const char* reason, unsigned int length);
 
     void recordMetric(const std::string& metricName, const std::vector<smarthome::TalvoraDimension>& dimensions);
 

@@ -1,0 +1,100 @@
+#include <system_error>
+#include <utility>
+
+#include "connector/ConnectorGate.h"
+#include "connector/Limits.h"
+#include "connector/Log.h"
+#include "connector/RetryWorker.h"
+#include "connector/TimeSource.h"
+#include "nipcconnector/NIPCConnector.h"
+
+namespace nipcconnector {
+
+NIPCConnector::AsyncRetryManager::AsyncRetryManager(NIPCConnector* owner) : connector(owner) {}
+
+NIPCConnector::AsyncRetryManager::~AsyncRetryManager() { stopRetry(); }
+
+bool NIPCConnector::AsyncRetryManager::startRetry(std::function<std::int32_t()> newOperation,
+                                                  const std::string& newOperationName) {
+    if (!ConnectorGate::isOpen(connector)) return false;  // It is being destroyed.
+    bool refused = false;
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        refused = active.exchange(true);
+        startRefused = refused;
+        if (refused) {
+            refusedOperation.swap(newOperation);
+            refusedName = newOperationName;
+        } else {
+            threadFinished = false;
+            operation.swap(newOperation);
+            operationName = newOperationName;
+            attemptCount = 0;
+            startTime = timeSource().now();
+        }
+    }
+    if (refused) {
+        NIPC_LOG(connector->logger, warn, "Retry already in progress for %s", newOperationName.c_str());
+        return true;
+    }
+    NIPC_LOG(connector->logger, debug, "Starting non-blocking retry for %s", newOperationName.c_str());
+    try {
+        const std::lock_guard<std::mutex> lock(mutex);
+        workerThread = std::thread([address = connector, manager = this] {
+            const ConnectorGate::Pin pin(address, ConnectorGate::Visitor::RetryThread);
+            if (pin) manager->retryWorkerThread();
+        });
+        workerThread.detach();
+        return true;
+    } catch (const std::system_error& failure) {
+        {
+            const std::lock_guard<std::mutex> lock(mutex);
+            active = false;
+            threadFinished = true;
+            startRefused = false;
+            condition.notify_all();
+        }
+        NIPC_LOG(connector->logger, error, "Failed to start the retry thread for %s: %s", newOperationName.c_str(),
+                 failure.what());
+        return false;
+    }
+}
+
+void NIPCConnector::AsyncRetryManager::stopRetry() {
+    if (requestStop()) awaitStop(stopDeadline());
+}
+
+bool NIPCConnector::AsyncRetryManager::requestStop() {
+    if (!active.exchange(false)) return false;
+    NIPC_LOG(connector->logger, debug, "Stopping retry timer thread");
+    return true;
+}
+
+std::uint64_t NIPCConnector::AsyncRetryManager::stopDeadline() {
+    return timeSource().now() + 500 * NANOSECONDS_PER_MILLISECOND;
+}
+
+void NIPCConnector::AsyncRetryManager::awaitStop(std::uint64_t deadline) {
+    if (isRetryThreadOf(this)) return;  // The process is being ended by the worker itself.
+    bool finished = false;
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        while (!threadFinished && timeSource().waitUntil(condition, lock, deadline) == std::cv_status::no_timeout) {
+        }
+        finished = threadFinished;
+    }
+    if (finished) {
+        NIPC_LOG(connector->logger, debug, "Retry thread finished successfully");
+    } else {
+        NIPC_LOG(connector->logger, warn, "Retry thread didn't finish within timeout");
+    }
+}
+
+bool NIPCConnector::AsyncRetryManager::isActive() const { return active.load(); }
+
+void NIPCConnector::AsyncRetryManager::forgetRefusedStart() {
+    const std::lock_guard<std::mutex> lock(mutex);
+    startRefused = false;
+}
+
+}  // namespace nipcconnector
