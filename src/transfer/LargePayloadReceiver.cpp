@@ -23,7 +23,6 @@ using PrivateCopy = std::unique_ptr<char, RawDelete>;
 PrivateCopy copyOut(std::int32_t descriptor, std::uint32_t length) {
     SharedMemoryRegion region;
     if (!region.mapReceived(descriptor, length)) return nullptr;
-    if (length > SIZE_MAX - 1) return nullptr;
     PrivateCopy copy(static_cast<char*>(::operator new(static_cast<std::size_t>(length) + 1, std::nothrow)));
     if (copy) {
         std::memcpy(copy.get(), region.address, length);
