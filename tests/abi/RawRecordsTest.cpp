@@ -1,16 +1,12 @@
 // The connector against a platform library that knows the records by byte offsets alone (RawPlatform.c).
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <condition_variable>
-#include <cstdarg>
-#include <cstdio>
 #include <cstring>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "RawPlatform.h"
+#include "Recording.h"
 #include "nipcconnector/NIPCConnector.h"
 
 using nipcconnector::NIPCConnector;
@@ -22,51 +18,6 @@ constexpr std::uint16_t kPeer = 77;
 constexpr std::uint16_t kEvent = 58857;    // "temperatureChanged"
 constexpr std::uint16_t kRequest = 49449;  // "getTemperature"
 enum Type : std::uint32_t { Sync, Async, Callback, Event };
-
-class Lines final : public nipcconnector::ILogger {
-public:
-    void info(const char* format, ...) override NIPC_PRINTF_FORMAT;
-    void debug(const char* format, ...) override NIPC_PRINTF_FORMAT;
-    void error(const char* format, ...) override NIPC_PRINTF_FORMAT;
-    void warn(const char* format, ...) override NIPC_PRINTF_FORMAT;
-
-    /// Waits until the line has been logged, and forgets it and all before it.
-    bool take(const std::string& line) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        const auto found = [&] {
-            for (std::size_t i = 0; i < lines_.size(); ++i)
-                if (lines_[i] == line)
-                    return lines_.erase(lines_.begin(), lines_.begin() + static_cast<long>(i) + 1), true;
-            return false;
-        };
-        return logged_.wait_for(lock, std::chrono::seconds(20), found);
-    }
-
-private:
-    void add(const char* format, va_list arguments) {
-        char line[512];
-        std::vsnprintf(line, sizeof line, format, arguments);
-        const std::lock_guard<std::mutex> lock(mutex_);
-        lines_.emplace_back(line);
-        logged_.notify_all();
-    }
-
-    std::mutex mutex_;
-    std::condition_variable logged_;
-    std::vector<std::string> lines_;
-};
-
-#define LINES_LEVEL(level)                       \
-    void Lines::level(const char* format, ...) { \
-        va_list arguments;                       \
-        va_start(arguments, format);             \
-        add(format, arguments);                  \
-        va_end(arguments);                       \
-    }
-LINES_LEVEL(info)
-LINES_LEVEL(debug)
-LINES_LEVEL(error)
-LINES_LEVEL(warn)
 
 /// A value at an offset; `any` for an address that only has to be there.
 struct Field {
@@ -96,6 +47,17 @@ void expectRecord(RawRecord record, unsigned size, const std::vector<Field>& fie
 }
 
 std::string payloadOf(RawRecord record) { return {raw_captured(record)->payload, raw_captured(record)->payloadSize}; }
+
+/// What a service sent; the bytes between function and payload are nobody's.
+void expectCallback(std::uint16_t function, const std::string& payload, std::uint32_t context) {
+    EXPECT_EQ(raw_captured(RAW_CALLBACK)->handle, 41);
+    EXPECT_EQ(raw_captured(RAW_CALLBACK)->client, kPeer);
+    EXPECT_EQ(at(RAW_CALLBACK, 0), 0U);
+    EXPECT_EQ(at(RAW_CALLBACK, 4, 2), function);
+    EXPECT_EQ(at(RAW_CALLBACK, 16), payload.size());
+    EXPECT_EQ(at(RAW_CALLBACK, 20), context);
+    EXPECT_EQ(payloadOf(RAW_CALLBACK), payload);
+}
 
 std::uint32_t addressOf(const void* object) {
     return static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(object));
@@ -129,10 +91,10 @@ smarthome::AsyncResponseCallback into(Reply& reply) {
 class RawRecords : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
-        server = open(false, serverLines);
-        client = open(true, clientLines);
+        server = open(false, serverLog);
+        client = open(true, clientLog);
         ASSERT_TRUE(raw_wait(RAW_CONNECT));
-        ASSERT_TRUE(clientLines->take("Successfully connected to server"));
+        ASSERT_TRUE(clientLog->waitFor("Successfully connected to server"));
         server->registerSyncRequestHandler("getTemperature", [](const char* data, unsigned int length) {
             return std::vector<char>(data, data + length / 2);
         });
@@ -140,24 +102,23 @@ protected:
                                                                  const std::string&) { respond(true, data, length); });
     }
 
-    static std::shared_ptr<NIPCConnector> open(bool isClient, Lines*& lines) {
-        auto logger = std::make_unique<Lines>();
-        lines = logger.get();
-        auto connector = NIPCConnector::getInstance(isClient, "raw", {"raw", kUuid}, std::move(logger), nullptr);
+    static std::shared_ptr<NIPCConnector> open(bool isClient, const std::shared_ptr<nipctest::Journal>& log) {
+        auto connector =
+            NIPCConnector::getInstance(isClient, "raw", {"raw", kUuid}, nipctest::recordingLogger(log), nullptr);
         connector->initialize();
         return connector;
     }
 
     static std::shared_ptr<NIPCConnector> server;
     static std::shared_ptr<NIPCConnector> client;
-    static Lines* serverLines;
-    static Lines* clientLines;
+    static const std::shared_ptr<nipctest::Journal> serverLog;
+    static const std::shared_ptr<nipctest::Journal> clientLog;
 };
 
 std::shared_ptr<NIPCConnector> RawRecords::server;
 std::shared_ptr<NIPCConnector> RawRecords::client;
-Lines* RawRecords::serverLines = nullptr;
-Lines* RawRecords::clientLines = nullptr;
+const std::shared_ptr<nipctest::Journal> RawRecords::serverLog = std::make_shared<nipctest::Journal>("raw");
+const std::shared_ptr<nipctest::Journal> RawRecords::clientLog = std::make_shared<nipctest::Journal>("raw");
 
 TEST_F(RawRecords, AServiceStartsAndAClientConnects) {
     expectRecord(RAW_START, 1184,
@@ -217,17 +178,13 @@ TEST_F(RawRecords, AServiceEchoesTheContextOfAnAsynchronousRequest) {
     std::int32_t status = 99;
     EXPECT_EQ(deliver(true, Async, kRequest, 0xFEDCBA98U, "set", &status), 0);
     EXPECT_EQ(status, 0);
-    expectRecord(RAW_CALLBACK, 24, {{4, 2, 1002}, {6, 6, 0, true}, {12, 4, 0, true}, {16, 4, 3}, {20, 4, 0xFEDCBA98U}});
-    EXPECT_EQ(raw_captured(RAW_CALLBACK)->handle, 41);
-    EXPECT_EQ(raw_captured(RAW_CALLBACK)->client, kPeer);
-    EXPECT_EQ(payloadOf(RAW_CALLBACK), "set");
+    expectCallback(1002, "set", 0xFEDCBA98U);
 }
 
 TEST_F(RawRecords, EventsGoToClientsWhileTheyAreConnected) {
     EXPECT_EQ(deliverEvent(true, 65531, kPeer), 0);
     EXPECT_TRUE(server->publishEvent("temperatureChanged", std::string("22")));
-    expectRecord(RAW_CALLBACK, 24, {{4, 2, kEvent}, {12, 4, 0, true}, {16, 4, 2}});
-    EXPECT_EQ(raw_captured(RAW_CALLBACK)->client, kPeer);
+    expectCallback(kEvent, "22", 0);
 
     EXPECT_TRUE(server->publishEvent("temperatureChanged", std::string(20000, 'e')));
     expectRecord(RAW_SHARE, 16, {{0, 4, 1}, {4, 4, 10}, {8, 4, 0, true}, {12, 4, 0, true}});
@@ -265,8 +222,7 @@ TEST_F(RawRecords, LargeRequestsAndAnswersTravelInSharedRegions) {
 
     EXPECT_EQ(raw_deliverShared(1, kPeer, kRequest, 0x80000001U, "a shared request", &status), 0);
     EXPECT_EQ(status, 0);
-    EXPECT_EQ(payloadOf(RAW_CALLBACK), "a shared request");
-    EXPECT_EQ(at(RAW_CALLBACK, 20), 0x80000001U);
+    expectCallback(1002, "a shared request", 0x80000001U);
 }
 
 TEST_F(RawRecords, EveryOtherKindOfMessageIsUnderstood) {
@@ -286,21 +242,25 @@ TEST_F(RawRecords, EveryOtherKindOfMessageIsUnderstood) {
         SCOPED_TRACE(c.line);
         std::int32_t status = 0;
         EXPECT_EQ(deliver(c.toService, c.type, 2000, 0, "", &status), 0);
-        EXPECT_TRUE((c.toService ? serverLines : clientLines)->take(c.line));
+        EXPECT_TRUE((c.toService ? serverLog : clientLog)->waitFor(c.line));
     }
 }
 
 TEST_F(RawRecords, AClientFollowsTheStateOfItsService) {
     EXPECT_EQ(deliverEvent(false, 65533, 0x4321), 0);
-    EXPECT_TRUE(clientLines->take("SERVER_UP event from UUID: 17185"));
+    EXPECT_TRUE(clientLog->waitFor("SERVER_UP event from UUID: 17185"));
     EXPECT_EQ(deliverEvent(false, 65520, 0, 0), 0);
-    EXPECT_TRUE(clientLines->take("NEX_NIPC_EVENT_CONNECTION_DONE with status: 0"));
+    EXPECT_TRUE(clientLog->waitFor("NEX_NIPC_EVENT_CONNECTION_DONE with status: 0"));
+
+    clientLog->clear();
     EXPECT_EQ(deliverEvent(false, 65534, 0), 0);
-    EXPECT_TRUE(clientLines->take("Disconnected from VLRS service"));
-    EXPECT_TRUE(clientLines->take("Successfully connected to server"));
+    EXPECT_TRUE(clientLog->waitFor("Disconnected from VLRS service"));
+    EXPECT_TRUE(clientLog->waitFor("Successfully connected to server"));
+
+    clientLog->clear();
     EXPECT_EQ(deliverEvent(false, 65520, 0, -111), 0);
-    EXPECT_TRUE(clientLines->take("Failed to connect to server"));
-    EXPECT_TRUE(clientLines->take("Successfully connected to server"));
+    EXPECT_TRUE(clientLog->waitFor("Failed to connect to server"));
+    EXPECT_TRUE(clientLog->waitFor("Successfully connected to server"));
 }
 
 }  // namespace
