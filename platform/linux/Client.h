@@ -1,0 +1,64 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+
+#include "AckSequence.h"
+#include "ChannelPool.h"
+#include "Connect.h"
+#include "PacketSocket.h"
+#include "Upcall.h"
+
+namespace nexnipc {
+
+// A client's connection to a service. Its sockets are closed with the last reference.
+class Client : public std::enable_shared_from_this<Client> {
+public:
+    // Waits for the service, connects and starts the delivery thread; writes the handle before the first call
+    // of the listener.
+    static int connect(std::int32_t* handle, const ClientConnectRecord& record);
+
+    Client(std::int32_t handle, const ClientConnectRecord& record, Connection connection);
+
+    // Ends it, and waits for running listener calls (not for the one it is called from).
+    void disconnect();
+
+    int sendAsync(const AsyncRpcRecord& record);
+    int share(const ShareFdMsg* message);
+    int callSync(SyncRpcRecord& record);
+
+    const std::int32_t handle;
+    Upcall upcall;
+
+private:
+    int open();
+    void shutdown();
+    void onControl(PacketBatch& scratch);
+    bool handleControl(Packet& packet);
+
+    void deliver();
+    bool takePackets(PacketBatch& batch);
+    bool handlePacket(Packet& packet);
+    bool handleCallback(Packet& packet);
+    bool handleShare(Packet& packet);
+
+    int acknowledge();
+    int exchange(const Channel& channel, const FrameHeader& request, const void* payload, int descriptor,
+                 SyncRpcRecord& record);
+    int takeAnswer(const FrameHeader& answer, int inlineLength, const Fd& memory, SyncRpcRecord& record) const;
+
+    const std::uint16_t uuid_;
+    const PacketSocket main_;
+    const PacketSocket control_;
+    const bool ownProcess_;             // the service is in this process,
+    const std::int32_t serviceHandle_;  // under this handle
+    const std::uint32_t maxSync_;
+    ChannelPool channels_;
+    AckSequence acks_;
+    std::uint64_t controlSource_ = 0;
+    std::atomic<std::uint32_t> lastCall_{0};
+    std::atomic<bool> disconnected_{false};
+};
+
+}  // namespace nexnipc

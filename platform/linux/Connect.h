@@ -1,0 +1,21 @@
+#pragma once
+
+#include <cstdint>
+
+#include "PacketSocket.h"
+
+namespace nexnipc {
+
+// A finished handshake.
+struct Connection {
+    PacketSocket main;
+    PacketSocket control;
+    bool ownProcess = false;
+    std::int32_t serviceHandle = 0;
+};
+
+// Waits until the service is there, and connects; 0 or a negative errno. `userContext` tells one component's
+// first attempt, which is given up soon, from its later ones.
+int establish(std::uint16_t uuid, const void* userContext, Connection& connection);
+
+}  // namespace nexnipc

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "Fd.h"
+#include "PacketSocket.h"
+
+namespace nexnipc {
+
+// The file that a service's socket has in its directory.
+std::string socketName(std::uint16_t uuid);
+
+// Where a client looks for services, in this order.
+std::vector<std::string> searchedDirectories();
+
+// Connects to a service. -ECONNREFUSED says that nobody offers it; the socket is non-blocking.
+int dial(std::uint16_t uuid, PacketSocket& connected);
+
+// A service's place in the directory: its lock, which says that somebody lives here, and its socket.
+class Endpoint {
+public:
+    // Takes the place; -EADDRINUSE when a living process has it.
+    int offer(std::uint16_t uuid);
+    // Gives it up: no client finds it any more, and another may take it.
+    void withdraw();
+    ~Endpoint() { withdraw(); }
+
+    Fd takeListener() { return std::move(listener_); }
+
+private:
+    int lock();
+    int bindAndListen();
+
+    std::uint16_t uuid_ = 0;
+    Fd directory_;
+    Fd lock_;
+    Fd listener_;
+    bool offered_ = false;
+};
+
+}  // namespace nexnipc

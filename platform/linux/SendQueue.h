@@ -1,0 +1,53 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <deque>
+#include <memory>
+#include <vector>
+
+#include "PacketSocket.h"
+
+namespace nexnipc {
+
+// How much all queues of one service hold.
+using QueueBudget = std::atomic<std::size_t>;
+
+// Frames that a client did not take at once, in order. Not thread-safe.
+class SendQueue {
+public:
+    static constexpr std::size_t kLimit = 2U << 20;             // of one client
+    static constexpr std::size_t kEventLimit = kLimit / 4 * 3;  // what events leave of it to answers
+    static constexpr std::size_t kServiceLimit = 64U << 20;
+    static constexpr std::size_t kHighMark = kLimit / 2;  // the client's requests are not read above this
+    static constexpr std::size_t kLowMark = kLimit / 8;   // and read again below this
+
+    explicit SendQueue(std::shared_ptr<QueueBudget> budget) : budget_(std::move(budget)) {}
+    ~SendQueue() { clear(); }
+    SendQueue(const SendQueue&) = delete;
+    SendQueue& operator=(const SendQueue&) = delete;
+
+    // Copies the frame; 0, -ENOBUFS, or why the descriptor could not be duplicated.
+    int push(const FrameHeader& header, const void* payload, int descriptor, bool isAnswer);
+    // Sends what goes; 0 when all went, -EAGAIN, or another negative errno.
+    int flush(const PacketSocket& socket);
+    void clear();
+
+    bool empty() const { return frames_.empty(); }
+    std::size_t size() const { return size_; }
+
+private:
+    struct Frame {
+        FrameHeader header;
+        std::vector<char> payload;
+        Fd descriptor;
+        std::size_t cost;
+    };
+    void pop();
+
+    const std::shared_ptr<QueueBudget> budget_;
+    std::deque<Frame> frames_;
+    std::size_t size_ = 0;
+};
+
+}  // namespace nexnipc

@@ -1,0 +1,228 @@
+#include "Service.h"
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <ctime>
+
+#include "Process.h"
+#include "ServiceDelivery.h"
+#include "Settings.h"
+#include "Thread.h"
+
+namespace nexnipc {
+namespace {
+
+// One process cannot use up what all clients share: this process's descriptors.
+constexpr std::size_t kClientsPerService = 512;
+constexpr unsigned kClientsPerPeer = 128;
+constexpr unsigned kChannelsPerPeer = 256;
+
+}  // namespace
+
+Service::Service(std::int32_t number, const ServerStartRecord& record)
+    : uuid(record.uuid),
+      handle(number),
+      upcall(record.listener, record.userContext),
+      maxSync_(maxSyncLength()),
+      startedAt_(static_cast<std::uint64_t>(::time(nullptr))),
+      budget_(std::make_shared<QueueBudget>(0)) {}
+
+Service::~Service() = default;
+
+int Service::start(std::int32_t* handle, const ServerStartRecord& record) {
+    Process& process = Process::get();
+    if (const int status = process.start()) return status;
+    const auto service = std::make_shared<Service>(process.nextHandle(), record);
+    if (const int status = service->open()) return status;
+    if (!process.services.add(service->handle, service)) return -ECANCELED;
+    const std::int32_t before = *handle;
+    *handle = service->handle;
+    const std::string name = "nipc-svc-" + std::to_string(service->uuid);
+    int status = startThread(name.c_str(), [service] { ServiceDelivery(*service).run(); });
+    if (status == 0) status = service->acceptor_->open();
+    if (status == 0) return 0;
+    *handle = before;
+    process.services.remove(service->handle);
+    service->stop();
+    return status;
+}
+
+int Service::open() {
+    wakeup_.reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!wakeup_.valid()) return -errno;
+    if (const int status = endpoint_.offer(uuid)) return status;
+    acceptor_ = std::make_shared<Acceptor>(Process::get().lane, endpoint_.takeListener(), weak_from_this());
+    return 0;
+}
+
+void Service::withdraw() {
+    upcall.gate.shut();
+    std::shared_ptr<Acceptor> acceptor;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        endpoint_.withdraw();
+        acceptor.swap(acceptor_);
+    }
+    if (acceptor) acceptor->close();
+}
+
+void Service::dropSessions() {
+    std::unordered_map<std::uint16_t, std::shared_ptr<Session>> sessions;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        stopped_ = true;
+        sessions = sessions_;
+    }
+    wake();
+    for (const auto& entry : sessions) entry.second->shutdown();
+}
+
+void Service::stop() {
+    withdraw();
+    dropSessions();
+    upcall.gate.waitEmpty();
+}
+
+void Service::wake() {
+    const std::uint64_t one = 1;
+    // Full only when a wake-up is pending anyway.
+    [[maybe_unused]] const ssize_t written = ::write(wakeup_.get(), &one, sizeof(one));
+}
+
+std::shared_ptr<Session> Service::find(std::uint16_t clientId) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    const auto found = sessions_.find(clientId);
+    return found == sessions_.end() ? nullptr : found->second;
+}
+
+int Service::callback(std::uint16_t clientId, const CallbackRecord& record) {
+    const std::shared_ptr<Session> session = find(clientId);
+    if (!session) return -ENOTCONN;
+    if (record.functionId == SERVER_FD_PROCESSING_COMPLETED_ID) return session->acknowledge();
+    FrameHeader header;
+    header.type = FrameType::Callback;
+    header.functionId = record.functionId;
+    header.length = record.length;
+    header.context = reinterpret_cast<std::uintptr_t>(record.requestContext);
+    return session->send(header, record.payload, record.requestContext != nullptr);
+}
+
+int Service::share(std::uint16_t clientId, const ShareFdMsg* message) {
+    OutgoingShare outgoing;
+    if (const int status = outgoing.take(message)) return status;
+    const std::shared_ptr<Session> session = find(clientId);
+    return session ? session->share(outgoing) : -ENOTCONN;
+}
+
+void Service::welcome(PacketSocket main, Peer peer, bool probe) {
+    Welcome welcome;
+    welcome.version = kVersion;
+    welcome.pid = ::getpid();
+    welcome.uid = ::geteuid();
+    welcome.serviceHandle = handle;
+    welcome.startedAt = startedAt_;
+    FrameHeader header;
+    header.type = FrameType::Welcome;
+    header.length = sizeof(welcome);
+    PacketSocket theirControl;
+    std::shared_ptr<Session> session;
+    if (!probe) header.status = admit(main, peer, theirControl, session);
+    if (session) welcome.clientId = session->id;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        welcome.clients = static_cast<std::uint32_t>(sessions_.size());
+    }
+    if (!session) {
+        main.send(header, &welcome, -1, Wait::No);
+        return;
+    }
+    // From here on the session is the delivery thread's to end.
+    if (session->main.send(header, &welcome, theirControl.fd(), Wait::No) != 0) session->shutdown();
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        arrived_.push_back(session);
+    }
+    wake();
+}
+
+int Service::admit(PacketSocket& main, Peer peer, PacketSocket& theirControl, std::shared_ptr<Session>& session) {
+    PacketSocket control;
+    if (const int status = PacketSocket::pair(control, theirControl)) return status;
+    const std::uint16_t id = Process::get().clientIds.take();
+    if (id == 0) return -EUSERS;
+    int status = reserveClient(peer.pid);
+    if (status != 0) {
+        Process::get().clientIds.release(id);
+        return status;
+    }
+    auto admitted = std::make_shared<Session>(id, peer, std::move(main), std::move(control), Process::get().lane,
+                                              budget_, weak_from_this());
+    status = admitted->attach();
+    if (status == 0) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (stopped_) status = -ECONNREFUSED;
+        if (status == 0) sessions_.emplace(id, admitted);
+    }
+    if (status == 0) {
+        session = std::move(admitted);
+        return 0;
+    }
+    admitted->shutdown();
+    forget(*admitted);
+    return status;
+}
+
+int Service::reserveClient(pid_t pid) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    PeerUse& use = peers_[pid];
+    if (sessions_.size() >= kClientsPerService || use.clients >= kClientsPerPeer) {
+        if (use.clients == 0) peers_.erase(pid);
+        return -EUSERS;
+    }
+    ++use.clients;
+    return 0;
+}
+
+void Service::forget(Session& session) {
+    releaseChannels(session.peer.pid, session.channels.exchange(0));
+    std::lock_guard<std::mutex> lock(mutex_);
+    sessions_.erase(session.id);
+    const auto use = peers_.find(session.peer.pid);
+    if (use != peers_.end() && --use->second.clients == 0) peers_.erase(use);
+    Process::get().clientIds.release(session.id);
+}
+
+bool Service::reserveChannel(pid_t pid) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    const auto use = peers_.find(pid);
+    if (use == peers_.end() || use->second.channels >= kChannelsPerPeer) return false;
+    ++use->second.channels;
+    return true;
+}
+
+void Service::releaseChannels(pid_t pid, unsigned count) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    const auto use = peers_.find(pid);
+    if (use != peers_.end()) use->second.channels -= count;
+}
+
+void Service::resume(std::uint16_t clientId) {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        resumed_.push_back(clientId);
+    }
+    wake();
+}
+
+void Service::acknowledged(std::uint16_t clientId) {
+    Call call;
+    call.type = ASYNC_FUNCTION;
+    call.peerId = clientId;
+    call.functionId = CLIENT_FD_PROCESSING_COMPLETED_ID;
+    call.status = -1;
+    upcall.run(call);
+}
+
+}  // namespace nexnipc

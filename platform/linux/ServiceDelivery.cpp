@@ -1,0 +1,229 @@
+#include "ServiceDelivery.h"
+
+#include <sys/epoll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+
+#include "SealedMemory.h"
+
+namespace nexnipc {
+namespace {
+
+thread_local std::int32_t deliveredHandle = 0;
+
+constexpr std::uint64_t kInbox = 1U << 16;  // no client's id
+
+bool isShareId(std::uint16_t functionId) {
+    return functionId == CLIENT_SHARE_FD_ID || functionId == SERVER_SHARE_FD_ID;
+}
+
+}  // namespace
+
+bool Service::delivers(std::int32_t handle) { return deliveredHandle == handle; }
+
+void ServiceDelivery::run() {
+    deliveredHandle = service_.handle;
+    try {
+        loop();
+    } catch (...) {
+        // Out of memory where nothing could be given up: without its thread the service ends.
+        service_.withdraw();
+    }
+    finish();
+}
+
+void ServiceDelivery::loop() {
+    epoll_.reset(::epoll_create1(EPOLL_CLOEXEC));
+    epoll_event wakeup{};
+    wakeup.events = EPOLLIN;
+    wakeup.data.u64 = kInbox;
+    if (::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, service_.wakeup_.get(), &wakeup) != 0) return service_.withdraw();
+    std::array<epoll_event, 16> events{};
+    while (!service_.stopped_) {
+        const int count = ::epoll_wait(epoll_.get(), events.data(), static_cast<int>(events.size()), -1);
+        for (int i = 0; i < count && !service_.stopped_; ++i) {
+            const std::uint64_t from = events[static_cast<std::size_t>(i)].data.u64;
+            if (from == kInbox) {
+                takeInbox();
+            } else {
+                serve(static_cast<std::uint16_t>(from));
+            }
+        }
+    }
+}
+
+// However it ended: no client waits for an answer that nobody gives.
+void ServiceDelivery::finish() {
+    service_.dropSessions();
+    active_.clear();
+    std::unordered_map<std::uint16_t, SessionPtr> remaining;
+    {
+        std::lock_guard<std::mutex> lock(service_.mutex_);
+        remaining = service_.sessions_;
+    }
+    for (const auto& entry : remaining) service_.forget(*entry.second);
+}
+
+void ServiceDelivery::takeInbox() {
+    std::uint64_t count = 0;
+    [[maybe_unused]] const ssize_t read = ::read(service_.wakeup_.get(), &count, sizeof(count));
+    std::vector<SessionPtr> arrived;
+    std::vector<std::uint16_t> resumed;
+    {
+        std::lock_guard<std::mutex> lock(service_.mutex_);
+        arrived.swap(service_.arrived_);
+        resumed.swap(service_.resumed_);
+    }
+    for (const SessionPtr& session : arrived) arrive(session);
+    for (const std::uint16_t id : resumed) {
+        const auto found = active_.find(id);
+        if (found != active_.end()) watch(*found->second, EPOLL_CTL_MOD, EPOLLIN);
+    }
+}
+
+void ServiceDelivery::arrive(const SessionPtr& session) {
+    active_.emplace(session->id, session);
+    Call call = Call::event(NEX_NIPC_EVENT_CLIENT_CONNECTED, session->id);
+    service_.upcall.run(call);
+    if (!watch(*session, EPOLL_CTL_ADD, EPOLLIN)) leave(session);
+}
+
+void ServiceDelivery::serve(std::uint16_t clientId) {
+    const auto found = active_.find(clientId);
+    if (found == active_.end()) return;
+    const SessionPtr session = found->second;
+    bool good = false;
+    try {
+        good = !session->closed && readTurn(*session);
+    } catch (...) {
+        // Out of memory for this client: it alone is given up.
+    }
+    if (!good) leave(session);
+}
+
+bool ServiceDelivery::readTurn(Session& session) {
+    const PacketBatch::Result result = batch_.receive(session.main, Wait::No);
+    for (unsigned i = 0; i < result.count; ++i) {
+        if (service_.stopped_) return true;
+        if (session.closed || !handle(session, batch_[i])) return false;
+    }
+    if (result.status != 0 && result.status != -EAGAIN) return false;
+    return !session.holdReading() || watch(session, EPOLL_CTL_MOD, 0);
+}
+
+bool ServiceDelivery::watch(const Session& session, int operation, std::uint32_t events) const {
+    epoll_event event{};
+    event.events = events;
+    event.data.u64 = session.id;
+    return ::epoll_ctl(epoll_.get(), operation, session.main.fd(), &event) == 0;
+}
+
+void ServiceDelivery::leave(SessionPtr session) {
+    watch(*session, EPOLL_CTL_DEL, 0);
+    active_.erase(session->id);
+    session->shutdown();
+    service_.forget(*session);
+    Call call = Call::event(NEX_NIPC_EVENT_CLIENT_DISCONNECTED, session->id);
+    service_.upcall.run(call);
+}
+
+bool ServiceDelivery::handle(Session& session, Packet& packet) {
+    switch (packet.header.type) {
+        case FrameType::AsyncRequest:
+            return handleAsync(session, packet);
+        case FrameType::SyncRequest:
+            return handleSync(session, packet);
+        case FrameType::Share:
+            return handleShare(session, packet);
+        default:
+            return false;
+    }
+}
+
+bool ServiceDelivery::handleAsync(Session& session, Packet& packet) {
+    const FrameHeader& header = packet.header;
+    const bool forged = isShareId(header.functionId) || header.functionId == CLIENT_FD_PROCESSING_COMPLETED_ID;
+    if (forged || packet.outOfLine() || packet.descriptor.valid() || packet.descriptorLost) return false;
+    Call call;
+    call.type = ASYNC_FUNCTION;
+    call.peerId = session.id;
+    call.functionId = header.functionId;
+    call.length = header.length;
+    call.status = -1;
+    call.data = packet.payload;
+    call.context = header.context;
+    service_.upcall.run(call);
+    return true;
+}
+
+bool ServiceDelivery::handleShare(Session& session, Packet& packet) {
+    if (packet.header.length > kMetadataLimit) return false;
+    session.acks.setDelivered(packet.header.sequence);
+    IncomingShare share(packet);
+    Call call;
+    call.type = ASYNC_FUNCTION;
+    call.peerId = session.id;
+    call.functionId = SERVER_SHARE_FD_ID;
+    call.length = sizeof(ShareFdMsg);
+    call.status = -1;
+    call.data = share.message();
+    if (service_.upcall.run(call)) share.delivered();
+    return true;
+}
+
+bool ServiceDelivery::handleSync(Session& session, Packet& packet) {
+    const FrameHeader& header = packet.header;
+    const bool descriptor = packet.descriptor.valid() || packet.descriptorLost;
+    if (isShareId(header.functionId) || packet.outOfLine() != descriptor) return false;
+    if (header.status < 0 || header.status >= static_cast<std::int32_t>(kChannelsPerClient)) return false;
+    Call call;
+    call.type = SYNC_FUNCTION;
+    call.peerId = session.id;
+    call.functionId = header.functionId;
+    call.length = header.length;
+    call.status = -1;
+    call.data = packet.payload;
+    FrameHeader refusal;
+    refusal.type = FrameType::SyncReply;
+    refusal.sequence = header.sequence;
+    Mapping mapping;
+    std::size_t bufferSize = kInlineLimit;
+    if (packet.outOfLine()) {
+        int status = header.length > service_.maxSync_ ? -EMSGSIZE : packet.descriptorLost ? -EMFILE : 0;
+        if (status == 0) status = mapping.map(packet.descriptor.get(), header.length);
+        if (status == -EPROTO) return false;
+        if (status != 0) {
+            refusal.context = static_cast<std::uint64_t>(-status);
+            session.slots.reply(static_cast<std::uint32_t>(header.status), refusal, nullptr, -1);
+            return true;
+        }
+        call.data = mapping.data();
+        bufferSize = header.length;
+    }
+    if (service_.upcall.run(call)) answer(session, header, call, bufferSize);
+    return true;
+}
+
+void ServiceDelivery::answer(Session& session, const FrameHeader& request, const Call& call, std::size_t bufferSize) {
+    FrameHeader header;
+    header.type = FrameType::SyncReply;
+    header.functionId = request.functionId;
+    header.sequence = request.sequence;
+    header.status = call.status;
+    const std::size_t room = std::min<std::uint64_t>(bufferSize, request.context);
+    if (call.status == 0) header.length = static_cast<std::uint32_t>(std::min<std::size_t>(call.length, room));
+    Fd memory;
+    if (header.length > kInlineLimit) {
+        const int status = makeSealedCopy(call.data, header.length, memory);
+        if (status != 0) {
+            header.length = 0;
+            header.context = static_cast<std::uint64_t>(-status);
+        }
+    }
+    session.slots.reply(static_cast<std::uint32_t>(request.status), header, call.data, memory.get());
+}
+
+}  // namespace nexnipc

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <unordered_map>
+
+#include "Fd.h"
+#include "PacketSocket.h"
+#include "Service.h"
+
+namespace nexnipc {
+
+// The delivery thread of a service: takes what its clients send, calls the listener, answers.
+class ServiceDelivery {
+public:
+    explicit ServiceDelivery(Service& service) : service_(service) {}
+    void run();
+
+private:
+    using SessionPtr = std::shared_ptr<Session>;
+
+    void loop();
+    void takeInbox();
+    void arrive(const SessionPtr& session);
+    void serve(std::uint16_t clientId);
+    bool readTurn(Session& session);
+    bool handle(Session& session, Packet& packet);
+    bool handleAsync(Session& session, Packet& packet);
+    bool handleShare(Session& session, Packet& packet);
+    bool handleSync(Session& session, Packet& packet);
+    void answer(Session& session, const FrameHeader& request, const Call& call, std::size_t bufferSize);
+    void leave(SessionPtr session);
+    bool watch(const Session& session, int operation, std::uint32_t events) const;
+    void finish();
+
+    Service& service_;
+    Fd epoll_;
+    PacketBatch batch_;
+    std::unordered_map<std::uint16_t, SessionPtr> active_;
+};
+
+}  // namespace nexnipc

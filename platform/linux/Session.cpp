@@ -1,0 +1,157 @@
+#include "Session.h"
+
+#include <sys/epoll.h>
+
+#include <cerrno>
+
+#include "Service.h"
+#include "nex_nipc.h"
+
+namespace nexnipc {
+
+Session::Session(std::uint16_t number, Peer who, PacketSocket mainSocket, PacketSocket control, Lane& lane,
+                 std::shared_ptr<QueueBudget> budget, std::weak_ptr<Service> service)
+    : id(number),
+      peer(who),
+      main(std::move(mainSocket)),
+      control_(std::move(control)),
+      lane_(lane),
+      service_(std::move(service)),
+      queue_(std::move(budget)) {}
+
+int Session::attach() {
+    const auto self = shared_from_this();
+    auto source = std::make_shared<LaneFunction>([self](PacketBatch& scratch) { self->onControl(scratch); },
+                                                 [self] { self->shutdown(); });
+    controlSource_ = lane_.add(control_.fd(), EPOLLIN, std::move(source));
+    return controlSource_ != 0 ? 0 : -errno;
+}
+
+int Session::send(const FrameHeader& header, const void* payload, bool isAnswer) {
+    std::lock_guard<std::mutex> lock(sendMutex_);
+    return sendLocked(header, payload, -1, isAnswer);
+}
+
+int Session::share(OutgoingShare& outgoing) {
+    std::lock_guard<std::mutex> lock(sendMutex_);
+    outgoing.header.sequence = acks.next();
+    const int status = sendLocked(outgoing.header, outgoing.metadata, outgoing.descriptor, outgoing.isAnswer);
+    if (status != 0) acks.cancel(outgoing.header.sequence);
+    return status;
+}
+
+int Session::acknowledge() {
+    FrameHeader header;
+    header.type = FrameType::Ack;
+    header.sequence = acks.delivered();
+    const int status = control_.send(header, nullptr, -1, Wait::No);
+    return status == -ECONNRESET ? -ENOTCONN : status;
+}
+
+int Session::sendLocked(const FrameHeader& header, const void* payload, int descriptor, bool isAnswer) {
+    if (closed) return -ENOTCONN;
+    if (queue_.empty()) {
+        const int status = main.send(header, payload, descriptor, Wait::No);
+        if (status != -EAGAIN) return status == -ECONNRESET ? -ENOTCONN : status;
+    }
+    if (const int status = watchWritable()) return status;
+    const int status = queue_.push(header, payload, descriptor, isAnswer);
+    if (queue_.empty()) unwatchWritable();
+    return status;
+}
+
+int Session::watchWritable() {
+    if (writableSource_ != 0) return 0;
+    const auto self = shared_from_this();
+    auto source =
+        std::make_shared<LaneFunction>([self](PacketBatch&) { self->onWritable(); }, [self] { self->shutdown(); });
+    writableSource_ = lane_.add(main.fd(), EPOLLOUT, std::move(source));
+    return writableSource_ != 0 ? 0 : -errno;
+}
+
+void Session::unwatchWritable() {
+    lane_.remove(writableSource_);
+    writableSource_ = 0;
+}
+
+void Session::onWritable() {
+    bool resume = false;
+    int status = 0;
+    {
+        std::lock_guard<std::mutex> lock(sendMutex_);
+        status = queue_.flush(main);
+        if (queue_.empty()) unwatchWritable();
+        resume = held_ && queue_.size() < SendQueue::kLowMark;
+        if (resume) held_ = false;
+    }
+    // A frame that cannot go would leave a gap.
+    if (status != 0 && status != -EAGAIN) return shutdown();
+    const std::shared_ptr<Service> service = resume ? service_.lock() : nullptr;
+    if (service) service->resume(id);
+}
+
+bool Session::holdReading() {
+    std::lock_guard<std::mutex> lock(sendMutex_);
+    held_ = queue_.size() > SendQueue::kHighMark;
+    return held_;
+}
+
+void Session::shutdown() {
+    {
+        std::lock_guard<std::mutex> lock(sendMutex_);
+        closed = true;
+        queue_.clear();
+        unwatchWritable();
+    }
+    lane_.remove(controlSource_);
+    main.shutdown();
+    control_.shutdown();
+    slots.shutdown();
+}
+
+void Session::onControl(PacketBatch& scratch) {
+    const PacketBatch::Result result = scratch.receive(control_, Wait::No);
+    bool good = result.status == 0 || result.status == -EAGAIN;
+    for (unsigned i = 0; good && i < result.count; ++i) good = handleControl(scratch[i]);
+    if (!good) shutdown();
+}
+
+bool Session::handleControl(const Packet& packet) {
+    const FrameHeader& header = packet.header;
+    if (header.length != 0 || packet.descriptor.valid() || packet.descriptorLost) return false;
+    const std::shared_ptr<Service> service = service_.lock();
+    if (!service) return false;
+    switch (header.type) {
+        case FrameType::Ack:
+            if (acks.accept(header.sequence)) service->acknowledged(id);
+            return true;
+        case FrameType::OpenChannel:
+            return openChannel();
+        case FrameType::CloseChannel:
+            if (!slots.close(header.sequence)) return false;
+            --channels;
+            service->releaseChannels(peer.pid, 1);
+            return true;
+        default:
+            return false;
+    }
+}
+
+bool Session::openChannel() {
+    FrameHeader answer;
+    answer.type = FrameType::ChannelOpened;
+    PacketSocket theirs;
+    const std::shared_ptr<Service> service = service_.lock();
+    const bool granted = service && service->reserveChannel(peer.pid);
+    const int slot = granted ? slots.open(theirs) : -EUSERS;
+    if (slot >= 0) {
+        ++channels;
+        answer.sequence = static_cast<std::uint32_t>(slot);
+    } else {
+        if (granted) service->releaseChannels(peer.pid, 1);
+        answer.status = slot;
+    }
+    return control_.send(answer, nullptr, theirs.fd(), Wait::No) == 0;
+}
+
+}  // namespace nexnipc

@@ -1,0 +1,68 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+
+#include "AckSequence.h"
+#include "Lane.h"
+#include "PacketSocket.h"
+#include "SendQueue.h"
+#include "ShareFrame.h"
+#include "SyncSlots.h"
+#include "Trust.h"
+
+namespace nexnipc {
+
+class Service;
+
+// One client of a service. Its sockets are closed with the last reference; until then shutdown() ends it, and
+// the delivery thread of the service, which finds the main socket at its end, takes it out.
+class Session : public std::enable_shared_from_this<Session> {
+public:
+    Session(std::uint16_t id, Peer peer, PacketSocket main, PacketSocket control, Lane& lane,
+            std::shared_ptr<QueueBudget> budget, std::weak_ptr<Service> service);
+
+    // Starts to serve the control socket; 0 or a negative errno. Lane only.
+    int attach();
+
+    // Any thread; none of them blocks.
+    int send(const FrameHeader& header, const void* payload, bool isAnswer);
+    int share(OutgoingShare& share);
+    int acknowledge();
+    void shutdown();
+
+    // Delivery thread: true when so much is queued for the client that its requests had better wait. The
+    // service is told when to go on.
+    bool holdReading();
+
+    const std::uint16_t id;
+    const Peer peer;
+    const PacketSocket main;
+    SyncSlots slots;
+    AckSequence acks;
+    std::atomic<unsigned> channels{0};
+    std::atomic<bool> closed{false};
+
+private:
+    void onControl(PacketBatch& scratch);
+    bool handleControl(const Packet& packet);
+    bool openChannel();
+    void onWritable();
+    int sendLocked(const FrameHeader& header, const void* payload, int descriptor, bool isAnswer);
+    int watchWritable();
+    void unwatchWritable();
+
+    const PacketSocket control_;
+    Lane& lane_;
+    const std::weak_ptr<Service> service_;
+    std::uint64_t controlSource_ = 0;
+
+    std::mutex sendMutex_;  // taken before the lane's
+    SendQueue queue_;
+    std::uint64_t writableSource_ = 0;
+    bool held_ = false;
+};
+
+}  // namespace nexnipc

@@ -1,0 +1,69 @@
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "Client.h"
+#include "SealedMemory.h"
+#include "Service.h"
+
+namespace nexnipc {
+namespace {
+
+// Answers to calls that were given up can stand in a channel only as long as it is that of a reused slot.
+constexpr unsigned kStaleAnswers = 128;
+
+}  // namespace
+
+// One send and one receive on the caller's thread; nothing else of this process is involved.
+int Client::callSync(SyncRpcRecord& record) {
+    if (record.length > maxSync_) return -EMSGSIZE;
+    if (ownProcess_ && Service::delivers(serviceHandle_)) return -EDEADLK;
+    Fd memory;
+    if (record.length > kInlineLimit) {
+        if (const int status = makeSealedCopy(record.payload, record.length, memory)) return status;
+    }
+    Channel* channel = nullptr;
+    if (const int status = channels_.take(channel)) return status;
+    FrameHeader request;
+    request.type = FrameType::SyncRequest;
+    request.functionId = record.functionId;
+    request.length = record.length;
+    request.context = record.responseLength;
+    request.sequence = ++lastCall_;
+    request.status = static_cast<std::int32_t>(channel->slot);
+    const int status = exchange(*channel, request, record.payload, memory.get(), record);
+    channels_.giveBack(channel, status == 0);
+    return status;
+}
+
+int Client::exchange(const Channel& channel, const FrameHeader& request, const void* payload, int descriptor,
+                     SyncRpcRecord& record) {
+    int status = main_.send(request, payload, descriptor, Wait::Yes);
+    if (status != 0) return status == -EAGAIN ? -ETIMEDOUT : status;
+    for (unsigned stale = 0; stale < kStaleAnswers; ++stale) {
+        FrameHeader answer;
+        Fd memory;
+        const int length = channel.socket.receiveInto(answer, record.response, record.responseLength, memory);
+        if (length < 0) return length == -EAGAIN ? -ETIMEDOUT : length;
+        if (answer.type != FrameType::SyncReply) return -EPROTO;
+        if (answer.sequence == request.sequence) return takeAnswer(answer, length, memory, record);
+    }
+    return -EPROTO;
+}
+
+int Client::takeAnswer(const FrameHeader& answer, int inlineLength, const Fd& memory, SyncRpcRecord& record) const {
+    if (answer.context != 0) return -static_cast<int>(std::min<std::uint64_t>(answer.context, 4095));
+    if (answer.length > record.responseLength || (answer.length > kInlineLimit) != memory.valid()) return -EPROTO;
+    if (memory.valid()) {
+        Mapping mapping;
+        if (const int status = mapping.map(memory.get(), answer.length)) return status;
+        std::memcpy(record.response, mapping.data(), answer.length);
+    } else if (static_cast<std::uint32_t>(inlineLength) != answer.length) {
+        return -EPROTO;
+    }
+    record.responseLength = answer.length;
+    record.status = answer.status;
+    return 0;
+}
+
+}  // namespace nexnipc
