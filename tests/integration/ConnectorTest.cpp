@@ -1,0 +1,222 @@
+// The connector between real processes: the servers run in processes of their own, the clients here.
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <deque>
+#include <set>
+#include <thread>
+
+#include "Node.h"
+
+using namespace nipctest;
+using smarthome::RequestStatus;
+
+namespace {
+
+constexpr std::uint16_t kUuid = 42201;
+
+/// Answers ("+..." or "-...") and events in the order they came.
+class Inbox {
+public:
+    void add(const char* sign, const char* data, unsigned int length) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        texts_.push_back(sign + (length == 0 ? "" : std::string(data, length)));
+        arrived_.notify_all();
+    }
+    std::string next() {
+        std::unique_lock<std::mutex> lock(mutex_);
+        if (!arrived_.wait_for(lock, kPatience, [this] { return !texts_.empty(); })) return "nothing came";
+        std::string text = std::move(texts_.front());
+        texts_.pop_front();
+        return text;
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable arrived_;
+    std::deque<std::string> texts_;
+};
+
+smarthome::AsyncResponseCallback answersTo(std::shared_ptr<Inbox> inbox) {
+    return [inbox](bool success, auto data, auto length) { inbox->add(success ? "+" : "-", data, length); };
+}
+smarthome::EventHandler eventsTo(std::shared_ptr<Inbox> inbox) {
+    return [inbox](auto data, auto length) { inbox->add("", data, length); };
+}
+
+}  // namespace
+
+class ConnectorTest : public testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_EQ(process.hear(), "up");
+        ASSERT_EQ(process.hear(), "up");
+        self = connected(kUuid, "");
+    }
+
+    // Named after the test, since a connector outlives it.
+    static Node connected(std::uint16_t uuid, const std::string& suffix) {
+        const auto* test = testing::UnitTest::GetInstance()->current_test_info();
+        Node node = client(uuid, test->name() + suffix);
+        EXPECT_TRUE(node.connector->initialize());
+        EXPECT_TRUE(node.journal->waitFor("Successfully connected to server"));
+        return node;
+    }
+
+    RequestStatus request(const std::string& name, const std::string& payload) const {
+        return self.connector->makeAsyncRequest("", name, payload.data(), static_cast<unsigned int>(payload.size()),
+                                                answersTo(inbox));
+    }
+    static std::string call(Connector& connector, const std::string& name, const std::string& payload) {
+        const auto result =
+            connector.makeSyncRequest("", name, payload.data(), static_cast<unsigned int>(payload.size()));
+        if (result.status != RequestStatus::Success) return "failed";
+        return {result.response.begin(), result.response.end()};
+    }
+    std::string call(const std::string& name, const std::string& payload) const {
+        return call(*self.connector, name, payload);
+    }
+
+    const ServiceDirectory directory;
+    Process process{{"server", std::to_string(kUuid), std::to_string(kUuid + 1)}};
+    Node self;
+    const std::shared_ptr<Inbox> inbox = std::make_shared<Inbox>();
+};
+
+TEST_F(ConnectorTest, PayloadsArriveWholeInBothDirectionsUpToFiveMiB) {
+    ASSERT_TRUE(self.connector->subscribeForEvent("", "news", eventsTo(inbox)));
+    for (const std::size_t size : {std::size_t{1}, std::size_t{16383}, std::size_t{16384}, std::size_t{16385},
+                                   std::size_t{5242880}, std::size_t{5242881}}) {
+        SCOPED_TRACE(size);
+        const std::string payload = pattern(size);
+        const bool fits = size <= 5242880;
+        EXPECT_EQ(request("digest", payload), fits ? RequestStatus::Success : RequestStatus::Failure);
+        if (fits) {
+            EXPECT_EQ(inbox->next(), "+" + digest(payload.data(), size));
+        }
+        EXPECT_EQ(request("make", std::to_string(size)), RequestStatus::Success);
+        EXPECT_EQ(request("publish", std::to_string(size)), RequestStatus::Success);
+        if (fits) {
+            EXPECT_TRUE(inbox->next() == "+" + payload);
+            EXPECT_TRUE(inbox->next() == payload);
+        }
+    }
+    EXPECT_EQ(request("publish", ""), RequestStatus::Success);
+    EXPECT_EQ(inbox->next(), "");  // Nothing of the too large ones came in between.
+}
+
+TEST_F(ConnectorTest, ASynchronousRequestMayBeLongAndItsAnswerHoldsOnePacket) {
+    const std::string large = pattern(1U << 20U);
+    EXPECT_EQ(call("digest", large), digest(large.data(), large.size()));
+    EXPECT_EQ(call("make", "16384"), pattern(16384));
+    EXPECT_EQ(call("make", "16385"), "failed");
+    EXPECT_EQ(call("make", "0"), "failed");
+    EXPECT_EQ(call("nobody's", "x"), "failed");
+    EXPECT_EQ(call("echo", std::string("a\0b\0", 4)), std::string("a\0b\0", 4));
+}
+
+TEST_F(ConnectorTest, ANullPayloadIsEmptyOrRefused) {
+    Connector& connector = *self.connector;
+    const auto callback = answersTo(inbox);
+    EXPECT_EQ(connector.makeAsyncRequest("", "digest", nullptr, 0, callback), RequestStatus::Success);
+    EXPECT_EQ(inbox->next(), "+" + digest("", 0));
+    EXPECT_EQ(connector.makeSyncRequest("", "digest", nullptr, 0).status, RequestStatus::Success);
+    for (const unsigned int length : {10U, 20000U}) {
+        EXPECT_EQ(connector.makeAsyncRequest("", "digest", nullptr, length, callback), RequestStatus::Failure);
+        EXPECT_EQ(connector.makeSyncRequest("", "digest", nullptr, length).status, RequestStatus::Failure);
+    }
+    EXPECT_EQ(request("digest", "x"), RequestStatus::Success);
+    EXPECT_EQ(inbox->next(), "+" + digest("x", 1));
+}
+
+TEST_F(ConnectorTest, ConcurrentRequestsOfTwoClientsAreToldApart) {
+    constexpr std::size_t kEach = 100;
+    const Node other = connected(kUuid, "2");
+    const auto otherInbox = std::make_shared<Inbox>();
+    const auto ask = [](Connector& connector, const std::shared_ptr<Inbox>& to) {
+        for (std::size_t i = 0; i < kEach; ++i) {
+            connector.makeAsyncRequest("", "identify", "", 0, answersTo(to));
+            EXPECT_EQ(call(connector, "echo", std::to_string(i)), std::to_string(i));
+        }
+    };
+    std::thread second([&] { ask(*other.connector, otherInbox); });
+    ask(*self.connector, inbox);
+    second.join();
+    std::set<std::string> ids;
+    for (std::size_t i = 0; i < kEach; ++i) ids.insert({inbox->next(), otherInbox->next()});
+    EXPECT_EQ(ids.size(), 2 * kEach);
+    EXPECT_EQ(ids.count("nothing came"), 0U);
+}
+
+TEST_F(ConnectorTest, ACallbackMayMakeRequests) {
+    const std::string large = pattern(100000);
+    self.connector->makeAsyncRequest("", "digest", "x", 1, [this, large](bool, auto, auto) {
+        const std::string answer = call("echo", "from inside");
+        inbox->add("", answer.data(), static_cast<unsigned int>(answer.size()));
+        request("digest", large);
+    });
+    EXPECT_EQ(inbox->next(), "from inside");
+    EXPECT_EQ(inbox->next(), "+" + digest(large.data(), large.size()));
+}
+
+TEST_F(ConnectorTest, AnAnswerMayComeLaterAndTheFirstCounts) {
+    EXPECT_EQ(request("later and twice", ""), RequestStatus::Success);
+    const std::string answer = inbox->next();
+    EXPECT_EQ(answer, "+first");
+    EXPECT_TRUE(self.journal->waitFor("Callback not found with id 2, functionId 1002"));
+    EXPECT_EQ(request("fail", ""), RequestStatus::Success);
+    EXPECT_EQ(inbox->next(), "-no");
+    self.connector->setRecurringCallback(answersTo(inbox));
+    for (const char* name : {"digest", "digest", "fail"}) {
+        EXPECT_EQ(self.connector->makeAsyncRequestWithRecurringCallback("", name, "x", 1), RequestStatus::Success);
+    }
+    for (const std::string& expected : {"+" + digest("x", 1), "+" + digest("x", 1), std::string("-no")}) {
+        EXPECT_EQ(inbox->next(), expected);
+    }
+}
+
+TEST_F(ConnectorTest, AHandlerThatThrowsEndsNothingButItsRequest) {
+    EXPECT_EQ(call("throw", ""), "failed");
+    EXPECT_EQ(request("throw", ""), RequestStatus::Success);
+    self.connector->makeAsyncRequest("", "digest", "", 0, [](bool, auto, auto) { throw std::runtime_error("here"); });
+    EXPECT_EQ(request("digest", ""), RequestStatus::Success);
+    EXPECT_EQ(inbox->next(), "+" + digest("", 0));
+    EXPECT_EQ(call("await log", "Failed to find sync handler for request type throw"), "logged");
+    EXPECT_EQ(call("await log", "Failed to handle async request"), "logged");
+}
+
+TEST_F(ConnectorTest, TwoServersInOneProcessShareTheSetOfClientsButNotTheirEvents) {
+    const Node other = connected(kUuid + 1, "2");
+    const auto otherInbox = std::make_shared<Inbox>();
+    self.connector->subscribeForEvent("", "news", eventsTo(inbox));
+    other.connector->subscribeForEvent("", "news", eventsTo(otherInbox));
+    EXPECT_EQ(call(*other.connector, "echo", "x"), "x");
+    EXPECT_EQ(request("publish", "100"), RequestStatus::Success);
+    EXPECT_EQ(inbox->next(), pattern(100));
+    EXPECT_EQ(call("await log",
+                   "EventSendFailure FailureReason=\"NipcCallbackFailedWithStatus-107\" "
+                   "RequestType=\"Event\" PayloadSize=100"),
+              "logged");
+    other.connector->makeAsyncRequest("", "publish", "200", 3, answersTo(otherInbox));
+    EXPECT_EQ(otherInbox->next(), pattern(200));
+}
+
+TEST_F(ConnectorTest, AKilledServerIsNoticedAndItsSuccessorServes) {
+    process.kill();
+    ASSERT_TRUE(self.journal->waitFor("NEX_NIPC_EVENT_SERVER_DOWN"));
+    EXPECT_EQ(call("echo", "x"), "failed");
+    EXPECT_EQ(request("digest", "x"), RequestStatus::Failure);
+    Process successor{{"server", std::to_string(kUuid)}};
+    ASSERT_EQ(successor.hear(), "up");
+    ASSERT_TRUE(self.journal->waitFor("Successfully connected to server", 2));
+    EXPECT_EQ(call("echo", "x"), "x");
+    EXPECT_EQ(request("digest", pattern(50000)), RequestStatus::Success);
+    EXPECT_EQ(inbox->next().substr(0, 6), "+50000");
+}
+
+int main(int argc, char** argv) {
+    const int status = runRole(argc, argv, {{"server", runServer}});
+    if (status >= 0) return status;
+    testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}

@@ -1,0 +1,208 @@
+// What is promised of requests, answers and events between a service and its clients.
+#include <sys/mman.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <list>
+#include <map>
+#include <thread>
+
+#include "PlatformTest.h"
+
+using namespace nipctest;
+using namespace std::chrono_literals;
+
+class DeliveryTest : public PlatformTest {};
+
+namespace {
+
+// The text of message `number` of a sequence; of changing length.
+std::string numbered(std::uint32_t number) { return std::to_string(number) + std::string(number * 37 % 4000, '.'); }
+
+constexpr std::uint32_t kMiB = 1U << 20U;
+
+}  // namespace
+
+TEST_F(DeliveryTest, EachLaneKeepsItsOrderAndOneListenerCallRunsAtATime) {
+    constexpr std::uint32_t kCount = 200;
+    std::atomic<int> inside{0};
+    std::atomic<int> faults{0};
+    std::map<std::uint16_t, std::uint32_t> seen;  // Without a lock: that is the promise.
+    Endpoint service([&](Endpoint& self, const Message& message, nexNipc_parameter_t& parameter) {
+        if (inside.fetch_add(1) != 0) ++faults;
+        if (message.id == NEX_NIPC_EVENT_CLIENT_CONNECTED) {
+            seen[message.peer] = 0;
+        } else if (message.id == NEX_NIPC_EVENT_CLIENT_DISCONNECTED) {
+            if (seen[message.peer] != kCount) ++faults;
+        } else {
+            if (seen.count(message.peer) == 0 || message.data != numbered(seen[message.peer]++)) ++faults;
+            if (message.type == SYNC_FUNCTION) echo(parameter);
+            if (self.callback(message.peer, kEvent, message.data, message.context) != 0) ++faults;
+        }
+        --inside;
+    });
+    ASSERT_EQ(service.start(kUuid), 0);
+    const auto useOne = [&] {
+        Endpoint client;
+        if (client.connect(kUuid) != 0) ++faults;
+        for (std::uint32_t i = 0; i < kCount; ++i) {
+            const bool sent = i % 5 == 0 ? client.call(kRequest, numbered(i)).response == numbered(i)
+                                         : client.request(kRequest, numbered(i), contextOf(i)) == 0;
+            if (!sent) ++faults;
+        }
+        for (std::uint32_t i = 0; i < kCount; ++i) {
+            const Message event = client.next(kEvent);
+            if (event.data != numbered(i) || event.context != contextOf(i % 5 == 0 ? 0 : i)) ++faults;
+        }
+    };
+    std::thread threads[4];
+    for (std::thread& thread : threads) thread = std::thread(useOne);
+    for (std::thread& thread : threads) thread.join();
+    for (int i = 0; i < 4; ++i) service.next(NEX_NIPC_EVENT_CLIENT_DISCONNECTED);
+    EXPECT_EQ(faults, 0);
+}
+
+TEST_F(DeliveryTest, ASynchronousRequestCarriesTheServicesResult) {
+    const struct {
+        const char* name;
+        std::uint32_t size;
+        std::uint32_t capacity;
+        void (*serve)(nexNipc_parameter_t&);
+        nex_status_t transport;
+        std::int32_t status;
+        std::uint32_t answered;
+    } cases[] = {
+        {"nothing", 0, 16384, echo, 0, 0, 0},
+        {"a packet", 16384, 16384, echo, 0, 0, 16384},
+        {"one more than a packet", 16385, 16385, echo, 0, 0, 16385},
+        {"1 MiB there", kMiB, 16384, [](nexNipc_parameter_t& p) { answer(p, "got it"); }, 0, 0, 6},
+        {"1 MiB there and back", kMiB, kMiB, echo, 0, 0, kMiB},
+        {"64 MiB", 64 * kMiB, 16384, [](nexNipc_parameter_t& p) { answer(p, "got it"); }, 0, 0, 6},
+        {"over 64 MiB", 64 * kMiB + 1, 16384, echo, -EMSGSIZE, 1, 0},
+        {"a large buffer for a small request", 1, 16384, [](auto& p) { answer(p, std::string(16384, 'a')); }, 0, 0,
+         16384},
+        {"no room", 100, 10, echo, 0, 0, 10},
+        {"missing handler", 5, 16384, [](nexNipc_parameter_t& p) { *p.status = -1; }, 0, -1, 0},
+        {"response too large", 5, 16384, [](nexNipc_parameter_t& p) { *p.status = -3; }, 0, -3, 0},
+        {"a listener that says nothing", 5, 16384, [](nexNipc_parameter_t&) {}, 0, -1, 0},
+        {"a listener that lies", 5, 16384, [](auto& p) { answer(p, "a"), *p.length = 1U << 30U; }, 0, 0, 16384},
+    };
+    Endpoint service([&cases](Endpoint&, const Message& message, nexNipc_parameter_t& parameter) {
+        if (message.type == SYNC_FUNCTION) cases[message.id - kRequest].serve(parameter);
+    });
+    ASSERT_EQ(service.start(kUuid), 0);
+    Endpoint client;
+    ASSERT_EQ(client.connect(kUuid), 0);
+    std::uint16_t function = kRequest;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::string payload(c.size, '\0');
+        for (std::size_t i = 0; i < payload.size(); i += 251) payload[i] = static_cast<char>(i % 127);
+        const Answer answer = client.call(function, payload, c.capacity);
+        EXPECT_EQ(answer.transport, c.transport);
+        EXPECT_EQ(answer.status, c.status);
+        EXPECT_EQ(answer.response.size(), c.answered);
+        EXPECT_TRUE(c.serve != echo || payload.compare(0, answer.response.size(), answer.response) == 0);
+        EXPECT_TRUE(c.transport != 0 || service.next(function).data == payload);
+        ++function;
+    }
+}
+
+TEST_F(DeliveryTest, ASynchronousRequestEndsWhenTheServiceDies) {
+    Process service({"service", std::to_string(kUuid)});
+    ASSERT_EQ(service.hear(), "started 0");
+    Endpoint client;
+    ASSERT_EQ(client.connect(kUuid), 0);
+    std::future<Answer> waiting = std::async(std::launch::async, [&] { return client.call(kNever, ""); });
+    ASSERT_EQ(service.hear(), "inside");
+    service.kill();
+    EXPECT_EQ(waiting.get().transport, -ECONNRESET);
+    client.next(NEX_NIPC_EVENT_SERVER_DOWN);
+}
+
+TEST_F(DeliveryTest, ASynchronousRequestToOnesOwnServiceFromItsHandlerIsRefused) {
+    Endpoint client;
+    std::atomic<nex_status_t> inner{0};
+    Endpoint service([&](Endpoint&, const Message& message, nexNipc_parameter_t& parameter) {
+        if (message.type != SYNC_FUNCTION) return;
+        inner = client.call(kRequest, "inner").transport;
+        echo(parameter);
+    });
+    ASSERT_EQ(service.start(kUuid), 0);
+    ASSERT_EQ(client.connect(kUuid), 0);
+    EXPECT_EQ(client.call(kRequest, "outer").response, "outer");
+    EXPECT_EQ(inner, -EDEADLK);
+}
+
+TEST_F(DeliveryTest, ATimeLimitEndsARequestAndItsLateAnswerGoesToNobody) {
+    Signal release;
+    Endpoint service([&](Endpoint&, const Message& message, nexNipc_parameter_t& parameter) {
+        if (message.id == kNever) release.wait();
+        if (message.type == SYNC_FUNCTION) echo(parameter);
+    });
+    ASSERT_EQ(service.start(kUuid), 0);
+    setenv("NEX_NIPC_SYNC_TIMEOUT_MS", "300", 1);
+    Endpoint client;
+    ASSERT_EQ(client.connect(kUuid), 0);
+    EXPECT_EQ(client.call(kNever, "late").transport, -ETIMEDOUT);
+    release.set();
+    service.next(kNever);
+    for (int i = 0; i < 10; ++i) EXPECT_EQ(client.call(kRequest, std::to_string(i)).response, std::to_string(i));
+    unsetenv("NEX_NIPC_SYNC_TIMEOUT_MS");
+}
+
+TEST_F(DeliveryTest, ContextsTravelWhole) {
+    Endpoint service;
+    Endpoint client;
+    ASSERT_EQ(service.start(kUuid), 0);
+    ASSERT_EQ(client.connect(kUuid), 0);
+    for (const std::uint64_t value : {std::uint64_t{0}, std::uint64_t{2}, std::uint64_t{0xFEDCBA9876543210U}}) {
+        void* context = contextOf(static_cast<std::uintptr_t>(value));
+        ASSERT_EQ(client.request(kRequest, "", context), 0);
+        const Message request = service.next(kRequest);
+        EXPECT_EQ(request.context, context);
+        ASSERT_EQ(service.callback(request.peer, ASYNC_RESPONSE_SUCCESS_ID, "", context), 0);
+        EXPECT_EQ(client.next(ASYNC_RESPONSE_SUCCESS_ID).context, context);
+    }
+}
+
+TEST_F(DeliveryTest, WhatCannotBeCarriedIsRefused) {
+    Endpoint service;
+    Endpoint client;
+    ASSERT_EQ(service.start(kUuid), 0);
+    ASSERT_EQ(client.connect(kUuid), 0);
+    const std::uint16_t id = service.next(NEX_NIPC_EVENT_CLIENT_CONNECTED).peer;
+    Endpoint nobody;
+    nobody.handle = 1 << 20;
+    AsyncRpcRecord nothing{};
+    nothing.functionId = kRequest;
+    nothing.length = 10;
+    CallbackRecord noEvent{};
+    noEvent.functionId = kEvent;
+    noEvent.length = 10;
+    std::int32_t handle = 0;
+    const struct {
+        const char* name;
+        nex_status_t result;
+        nex_status_t expected;
+    } cases[] = {
+        {"a request that is too long", client.request(kRequest, std::string(16385, 'x')), -EMSGSIZE},
+        {"an event that is too long", service.callback(id, kEvent, std::string(16385, 'x')), -EMSGSIZE},
+        {"a share identifier in a request", client.request(SERVER_SHARE_FD_ID, ""), -EINVAL},
+        {"a share identifier in a call", client.call(SERVER_SHARE_FD_ID, "").transport, -EINVAL},
+        {"a share identifier in an event", service.callback(id, CLIENT_SHARE_FD_ID, ""), -EINVAL},
+        {"a null payload with a length", nexNipc_rpcAsync(client.handle, &nothing), -EINVAL},
+        {"a null event with a length", nexNipc_callback(service.handle, id, &noEvent), -EINVAL},
+        {"no record", nexNipc_rpcSync(client.handle, nullptr), -EINVAL},
+        {"no start record", nexNipc_start(&handle, nullptr), -EINVAL},
+        {"no handle", nexNipc_disconnect(nullptr), -EINVAL},
+        {"a handle of nobody", nobody.request(kRequest, ""), -EBADF},
+        {"a request of a service", service.request(kRequest, ""), -EBADF},
+        {"an event of a client", client.callback(id, kEvent, ""), -EBADF},
+        {"a client that is not there", service.callback(static_cast<std::uint16_t>(id + 1), kEvent, ""), -ENOTCONN},
+    };
+    for (const auto& c : cases) EXPECT_EQ(c.result, c.expected) << c.name;
+    nobody.handle = -1;
+    EXPECT_EQ(client.call(kRequest, "still here").response, "still here");
+}

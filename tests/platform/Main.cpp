@@ -1,0 +1,91 @@
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <future>
+
+#include "PlatformTest.h"
+
+using namespace nipctest;
+
+namespace {
+
+std::uint16_t uuidOf(const std::vector<std::string>& arguments) {
+    return static_cast<std::uint16_t>(std::stoi(arguments.at(0)));
+}
+
+// Echoes, but never answers kNever; lives as long as its parent.
+int service(const std::vector<std::string>& arguments) {
+    Endpoint endpoint([](Endpoint&, const Message& message, nexNipc_parameter_t& parameter) {
+        if (message.id == kNever) {
+            say("inside");
+            for (;;) pause();
+        }
+        if (message.type == SYNC_FUNCTION) echo(parameter);
+    });
+    say("started " + std::to_string(endpoint.start(uuidOf(arguments))));
+    while (!hearParent().empty()) continue;
+    _exit(0);
+}
+
+// The same, but short of descriptors whenever it is told "starve".
+int starved(const std::vector<std::string>& arguments) {
+    Endpoint endpoint;
+    say("started " + std::to_string(endpoint.start(uuidOf(arguments))));
+    rlimit usual{};
+    getrlimit(RLIMIT_NOFILE, &usual);
+    for (std::string order = hearParent(); !order.empty(); order = hearParent()) {
+        const rlimit limit{order == "starve" ? descriptorCount(getpid()) : usual.rlim_cur, usual.rlim_max};
+        setrlimit(RLIMIT_NOFILE, &limit);
+        say("done");
+    }
+    return 0;
+}
+
+// Tries to reach a service as another user.
+int stranger(const std::vector<std::string>& arguments) {
+    if (setgid(65534) != 0 || setuid(65534) != 0) return 1;
+    Endpoint client;
+    say(client.connect(uuidOf(arguments)) == 0 ? "let in" : "refused");
+    return 0;
+}
+
+int descriptors(const std::vector<std::string>&) {
+    say(std::to_string(descriptorCount(getpid())));
+    return 0;
+}
+
+std::future<nex_status_t> waitingConnect;
+Endpoint* connected = nullptr;
+
+// Ends while one connect waits and one client is connected.
+int ending(const std::vector<std::string>& arguments) {
+    std::atexit([] {
+        const bool ended = waitingConnect.wait_for(kPatience) == std::future_status::ready;
+        say("connect " + std::to_string(ended ? waitingConnect.get() : 0));
+        say("disconnect " + std::to_string(connected->disconnect()));
+    });
+    connected = new Endpoint;
+    if (connected->connect(uuidOf(arguments)) != 0) return 1;
+    static Endpoint& waiting = *new Endpoint;  // Used by a thread that outlives us.
+    const auto absent = static_cast<std::uint16_t>(uuidOf(arguments) + 1);
+    if (waiting.connect(absent) == 0) return 1;  // The first attempt is short, the second waits.
+    waitingConnect = std::async(std::launch::async, [absent] { return waiting.connect(absent); });
+    waitingConnect.wait_for(std::chrono::milliseconds(200));
+    std::exit(0);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const int status = runRole(argc, argv,
+                               {{"service", service},
+                                {"starved", starved},
+                                {"stranger", stranger},
+                                {"descriptors", descriptors},
+                                {"ending", ending}});
+    if (status >= 0) return status;
+    testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}

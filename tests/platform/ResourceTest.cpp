@@ -1,0 +1,146 @@
+// What is promised of threads, descriptors and time spent.
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <list>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "PlatformTest.h"
+
+using namespace nipctest;
+using namespace std::chrono_literals;
+
+namespace {
+
+struct PlatformThread {
+    std::string name;
+    std::uint64_t blocked = 0;
+    std::uint64_t switches = 0;
+};
+
+// Those of the platform are known by their names.
+std::vector<PlatformThread> platformThreads() {
+    std::vector<PlatformThread> threads;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        PlatformThread thread;
+        std::ifstream status(task.path() / "status");
+        for (std::string key, value; status >> key && std::getline(status, value);) {
+            if (key == "Name:") thread.name = value.substr(1);
+            if (key == "SigBlk:") thread.blocked = std::stoull(value, nullptr, 16);
+            if (key == "voluntary_ctxt_switches:") thread.switches += std::stoull(value);
+        }
+        if (thread.name.rfind("nipc-", 0) == 0) threads.push_back(thread);
+    }
+    return threads;
+}
+
+std::uint64_t switches() {
+    std::uint64_t sum = 0;
+    for (const PlatformThread& thread : platformThreads()) sum += thread.switches;
+    return sum;
+}
+
+// Polls until `condition` holds; what the kernel shows of a process sends no event.
+template <class Condition>
+bool eventually(Condition condition) {
+    const auto deadline = std::chrono::steady_clock::now() + kPatience;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(10ms);
+    }
+    return true;
+}
+
+double processorSeconds(pid_t pid) {
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string word;
+    for (int i = 0; i < 13; ++i) stat >> word;
+    double user = 0;
+    double system = 0;
+    stat >> user >> system;
+    return (user + system) / static_cast<double>(sysconf(_SC_CLK_TCK));
+}
+
+}  // namespace
+
+class ResourceTest : public PlatformTest {};
+
+TEST_F(ResourceTest, ThreadsHaveNamesTakeNoSignalsAndSleepWhenIdle) {
+    Endpoint service;
+    Endpoint client;
+    ASSERT_EQ(service.start(kUuid), 0);
+    ASSERT_EQ(client.connect(kUuid), 0);
+    for (int i = 0; i < 100; ++i) client.call(kRequest, "x");
+    const std::vector<PlatformThread> threads = platformThreads();
+    EXPECT_EQ(threads.size(), 3U);
+    for (const PlatformThread& thread : threads) {
+        for (const int signal : {SIGINT, SIGTERM, SIGCHLD, SIGUSR1, SIGALRM, SIGPIPE}) {
+            EXPECT_TRUE(thread.blocked >> static_cast<unsigned>(signal - 1) & 1U) << thread.name << " takes " << signal;
+        }
+    }
+    std::uint64_t before = switches();
+    EXPECT_TRUE(eventually([&] { return std::exchange(before, switches()) == before; }));
+    std::this_thread::sleep_for(2s);  // The span that is measured.
+    EXPECT_EQ(switches() - before, 0U);
+}
+
+TEST_F(ResourceTest, NothingIsInheritedThroughExec) {
+    Process bare({"descriptors"});
+    const std::string usual = bare.hear();
+    Endpoint service;
+    Endpoint client;
+    ASSERT_EQ(service.start(kUuid), 0);
+    ASSERT_EQ(client.connect(kUuid), 0);
+    client.call(kRequest, std::string(100000, 'x'), 100000);
+    Process later({"descriptors"});
+    EXPECT_EQ(later.hear(), usual);
+}
+
+TEST_F(ResourceTest, ConnectionsComeAndGoWithoutATrace) {
+    Endpoint service;
+    ASSERT_EQ(service.start(kUuid), 0);
+    const auto useOne = [&service] {
+        Endpoint client;
+        ASSERT_EQ(client.connect(kUuid), 0);
+        EXPECT_EQ(client.call(kRequest, std::string(20000, 'x'), 20000).response.size(), 20000U);
+        const int region = regionOf("payload");
+        EXPECT_EQ(client.share(0, region, {7, kRequest, 0}), 0);
+        close(region);
+        service.next(SERVER_SHARE_FD_ID);
+    };
+    useOne();
+    service.next(NEX_NIPC_EVENT_CLIENT_DISCONNECTED);
+    const pid_t self = getpid();
+    std::size_t descriptors = descriptorCount(self);
+    EXPECT_TRUE(eventually([&] { return std::exchange(descriptors, descriptorCount(self)) == descriptors; }));
+    const std::size_t tasks = taskCount(self);
+    for (int i = 0; i < 30; ++i) useOne();
+    EXPECT_TRUE(eventually([&] { return descriptorCount(self) <= descriptors && taskCount(self) <= tasks; }));
+}
+
+TEST_F(ResourceTest, AServiceShortOfDescriptorsGoesOnWithoutSpinning) {
+    Process service({"starved", std::to_string(kUuid)});
+    ASSERT_EQ(service.hear(), "started 0");
+    Endpoint before;
+    ASSERT_EQ(before.connect(kUuid), 0);
+    EXPECT_EQ(before.call(kRequest, "x").response, "x");
+    service.send("starve");
+    ASSERT_EQ(service.hear(), "done");
+    {
+        std::list<Endpoint> refused(5);
+        const double spent = processorSeconds(service.pid());
+        for (Endpoint& client : refused) EXPECT_NE(client.connect(kUuid), 0);
+        EXPECT_LT(processorSeconds(service.pid()) - spent, 1.0);
+        EXPECT_EQ(before.call(kRequest, "y").response, "y");
+    }
+    service.send("recover");
+    ASSERT_EQ(service.hear(), "done");
+    Endpoint after;
+    EXPECT_EQ(after.connect(kUuid), 0);
+    EXPECT_EQ(after.call(kRequest, "z").response, "z");
+}

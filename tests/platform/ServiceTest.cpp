@@ -1,0 +1,204 @@
+// What is promised of services coming, going and being looked for, and of the end of a handle.
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <filesystem>
+#include <set>
+
+#include "PlatformTest.h"
+
+using namespace nipctest;
+using namespace std::chrono_literals;
+
+class ServiceTest : public PlatformTest {};
+
+TEST_F(ServiceTest, ALiveServiceKeepsItsUuidAndAKilledOnesIsTakenOver) {
+    Process first({"service", std::to_string(kUuid)});
+    ASSERT_EQ(first.hear(), "started 0");
+    Endpoint second;
+    EXPECT_EQ(second.start(kUuid), -EADDRINUSE);
+    Endpoint client;
+    ASSERT_EQ(client.connect(kUuid), 0);
+    EXPECT_EQ(client.call(kRequest, "hello").response, "hello");
+
+    first.kill();
+    client.next(NEX_NIPC_EVENT_SERVER_DOWN);
+    EXPECT_NE(client.call(kRequest, "hello").transport, 0);
+    EXPECT_EQ(second.start(kUuid), 0);
+    Endpoint third;
+    EXPECT_EQ(third.start(kUuid), -EADDRINUSE);
+    EXPECT_EQ(second.disconnect(), 0);
+    EXPECT_EQ(third.start(kUuid), 0);
+    EXPECT_EQ(client.count(NEX_NIPC_EVENT_SERVER_DOWN), 0U);
+}
+
+TEST_F(ServiceTest, AFirstConnectWaitsASecondAndALaterOneUntilTheServiceComes) {
+    {
+        Process killed({"service", std::to_string(kUuid)});
+        ASSERT_EQ(killed.hear(), "started 0");
+    }  // Its socket stays behind and refuses, which counts as absent.
+    Endpoint client;
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_NE(client.connect(kUuid), 0);
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, 900ms);
+
+    std::future<nex_status_t> later = std::async(std::launch::async, [&client] { return client.connect(kUuid); });
+    EXPECT_EQ(later.wait_for(1500ms), std::future_status::timeout);
+    Endpoint service;
+    ASSERT_EQ(service.start(kUuid), 0);
+    EXPECT_EQ(later.get(), 0);
+    EXPECT_EQ(client.next(NEX_NIPC_EVENT_CONNECTION_DONE).status, 0);
+}
+
+TEST_F(ServiceTest, ConnectionDoneComesFirstOnAThreadOfTheHandleWhichIsWrittenBefore) {
+    Endpoint service([](Endpoint& self, const Message& message, nexNipc_parameter_t& parameter) {
+        if (message.id == NEX_NIPC_EVENT_CLIENT_CONNECTED) self.callback(message.peer, kEvent, "welcome");
+        if (message.type == SYNC_FUNCTION) echo(parameter);
+    });
+    ASSERT_EQ(service.start(kUuid), 0);
+    std::atomic<int> first{0};
+    Endpoint client([&first](Endpoint&, const Message& message, nexNipc_parameter_t&) {
+        int none = 0;
+        first.compare_exchange_strong(none, message.id);
+    });
+    ASSERT_EQ(client.connect(kUuid), 0);
+    const Message done = client.next(NEX_NIPC_EVENT_CONNECTION_DONE);
+    EXPECT_EQ(client.next(kEvent).data, "welcome");
+    EXPECT_EQ(first, NEX_NIPC_EVENT_CONNECTION_DONE);
+    EXPECT_EQ(done.status, 0);
+    EXPECT_EQ(done.handle, client.handle);
+    EXPECT_NE(done.thread, static_cast<pid_t>(syscall(SYS_gettid)));
+    const Message connected = service.next(NEX_NIPC_EVENT_CLIENT_CONNECTED);
+    EXPECT_EQ(connected.handle, service.handle);
+    EXPECT_NE(connected.thread, done.thread);
+    EXPECT_NE(service.handle, client.handle);
+}
+
+TEST_F(ServiceTest, DisconnectWaitsForTheListenerAndNoneRunsAfterIt) {
+    Signal inside;
+    Signal release;
+    std::atomic<bool> left{false};
+    Endpoint service;
+    ASSERT_EQ(service.start(kUuid), 0);
+    Endpoint client([&](Endpoint&, const Message& message, nexNipc_parameter_t&) {
+        if (message.id != kEvent) return;
+        inside.set();
+        release.wait();
+        left = true;
+    });
+    ASSERT_EQ(client.connect(kUuid), 0);
+    const std::uint16_t id = service.next(NEX_NIPC_EVENT_CLIENT_CONNECTED).peer;
+    ASSERT_EQ(service.callback(id, kEvent, ""), 0);
+    ASSERT_TRUE(inside.wait());
+    EXPECT_EQ(service.callback(id, kEvent, ""), 0);  // Not delivered any more: it would set `inside` twice.
+    std::future<bool> disconnected = std::async(std::launch::async, [&] { return client.disconnect() == 0 && left; });
+    EXPECT_EQ(disconnected.wait_for(100ms), std::future_status::timeout);
+    release.set();
+    EXPECT_TRUE(disconnected.get());
+    EXPECT_EQ(service.next(NEX_NIPC_EVENT_CLIENT_DISCONNECTED).peer, id);
+    EXPECT_EQ(service.callback(id, kEvent, ""), -ENOTCONN);
+}
+
+TEST_F(ServiceTest, DisconnectFromInsideTheListenerReturnsAndNoneStartsAfterIt) {
+    Endpoint service;
+    ASSERT_EQ(service.start(kUuid), 0);
+    std::atomic<int> calls{0};
+    Signal disconnected;
+    Endpoint client([&](Endpoint& self, const Message& message, nexNipc_parameter_t&) {
+        if (message.id != kEvent) return;
+        ++calls;
+        std::int32_t handle = self.handle;
+        if (nexNipc_disconnect(&handle) == 0) disconnected.set();
+    });
+    ASSERT_EQ(client.connect(kUuid), 0);
+    const std::uint16_t id = service.next(NEX_NIPC_EVENT_CLIENT_CONNECTED).peer;
+    for (int i = 0; i < 10; ++i) service.callback(id, kEvent, "");
+    EXPECT_TRUE(disconnected.wait());
+    service.next(NEX_NIPC_EVENT_CLIENT_DISCONNECTED);
+    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(client.count(NEX_NIPC_EVENT_SERVER_DOWN), 0U);
+}
+
+TEST_F(ServiceTest, ClientIdsBelongToOneServiceAndAreNotReusedSoon) {
+    Endpoint services[2];
+    ASSERT_EQ(services[0].start(kUuid), 0);
+    ASSERT_EQ(services[1].start(kUuid + 1), 0);
+    std::set<std::uint16_t> ids;
+    for (int round = 0; round < 20; ++round) {
+        for (std::uint16_t s = 0; s < 2; ++s) {
+            Endpoint client;
+            ASSERT_EQ(client.connect(static_cast<std::uint16_t>(kUuid + s)), 0);
+            const std::uint16_t id = services[s].next(NEX_NIPC_EVENT_CLIENT_CONNECTED).peer;
+            EXPECT_TRUE(ids.insert(id).second) << id;
+            EXPECT_EQ(services[1 - s].callback(id, kEvent, ""), -ENOTCONN);
+            EXPECT_EQ(services[s].callback(id, kEvent, ""), 0);
+        }
+    }
+}
+
+TEST_F(ServiceTest, AtExitItGoesQuietAndAnswersLateCalls) {
+    Endpoint service;
+    ASSERT_EQ(service.start(kUuid), 0);
+    Process ending({"ending", std::to_string(kUuid)});
+    EXPECT_EQ(ending.hear(), "connect " + std::to_string(-ECANCELED));
+    EXPECT_EQ(ending.hear(), "disconnect 0");
+    EXPECT_EQ(ending.wait(), 0);
+    service.next(NEX_NIPC_EVENT_CLIENT_DISCONNECTED);
+}
+
+TEST_F(ServiceTest, OnlyASafeDirectoryIsUsedAndItIsCheckedEachTime) {
+    namespace fs = std::filesystem;
+    const fs::path place = fs::path(directory.path) / "services";
+    const struct {
+        const char* name;
+        mode_t mode;
+        uid_t owner;
+        bool link;
+        bool good;
+    } cases[] = {
+        {"made by the service", 0, 0, false, true},      {"private", 0700, 0, false, true},
+        {"written by everybody", 0777, 0, false, false}, {"written by others", 0702, 0, false, false},
+        {"written by a group", 0770, 0, false, false},   {"somebody else's", 0700, 65534, false, false},
+        {"behind a link", 0700, 0, true, false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        if (c.owner != 0 && geteuid() != 0) continue;
+        const fs::path real = place.string() + (c.link ? ".real" : "");
+        ASSERT_TRUE(c.mode == 0 || (mkdir(real.c_str(), 0700) == 0 && chmod(real.c_str(), c.mode) == 0));
+        ASSERT_TRUE(c.owner == 0 || chown(real.c_str(), c.owner, c.owner) == 0);
+        if (c.link) fs::create_symlink(real, place);
+        setenv("NEX_NIPC_DIR", place.c_str(), 1);
+        Endpoint service;
+        EXPECT_EQ(service.start(kUuid) == 0, c.good);
+        if (c.good) {
+            Endpoint client;
+            EXPECT_EQ(client.connect(kUuid), 0);
+            ASSERT_EQ(chmod(place.c_str(), 0777), 0);
+            Endpoint late;
+            EXPECT_NE(late.connect(kUuid), 0);
+            EXPECT_EQ(client.call(kRequest, "x").response, "x");
+        }
+        service.disconnect();
+        fs::remove_all(place);
+        fs::remove_all(real);
+    }
+}
+
+TEST_F(ServiceTest, AnotherUserIsRefused) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root";
+    Endpoint service;
+    ASSERT_EQ(service.start(kUuid), 0);
+    for (const mode_t mode : {mode_t{0700}, mode_t{0755}}) {  // Also where the file modes would let him.
+        ASSERT_EQ(chmod(directory.path.c_str(), mode), 0);
+        for (const auto& entry : std::filesystem::directory_iterator(directory.path)) {
+            ASSERT_EQ(chmod(entry.path().c_str(), 0666), 0);
+        }
+        Process stranger({"stranger", std::to_string(kUuid)});
+        EXPECT_EQ(stranger.hear(), "refused");
+    }
+    EXPECT_EQ(service.count(NEX_NIPC_EVENT_CLIENT_CONNECTED), 0U);
+}

@@ -1,0 +1,216 @@
+// What is promised of shared regions, their acknowledgements, and of peers that do not read.
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+
+#include "PlatformTest.h"
+
+using namespace nipctest;
+using namespace std::chrono_literals;
+
+namespace {
+
+int unsealedRegion() {
+    const int region = memfd_create("test", MFD_CLOEXEC);
+    return write(region, "payload", 7) == 7 ? region : -1;
+}
+
+const std::string kPacket(16383, 'p');
+
+}  // namespace
+
+class SharingTest : public PlatformTest {
+protected:
+    void connect() {
+        ASSERT_EQ(service.start(kUuid), 0);
+        ASSERT_EQ(client.connect(kUuid), 0);
+        id = service.next(NEX_NIPC_EVENT_CLIENT_CONNECTED).peer;
+    }
+
+    static bool shareWhole(const Endpoint& from, std::uint16_t to, const std::string& text) {
+        const int region = regionOf(text);
+        const bool sent = from.share(to, region, {static_cast<std::uint32_t>(text.size()), kRequest, 0}) == 0;
+        close(region);
+        return sent;
+    }
+
+    Endpoint::Handler onService;
+    Endpoint::Handler onClient;
+    Endpoint service{[this](auto& self, auto& message, auto& p) {
+        if (onService) onService(self, message, p);
+    }};
+    Endpoint client{[this](auto& self, auto& message, auto& p) {
+        if (onClient) onClient(self, message, p);
+    }};
+    std::uint16_t id = 0;
+};
+
+TEST_F(SharingTest, OnlyASealedRegionOfTheClaimedSizeIsDelivered) {
+    connect();
+    const struct {
+        const char* name;
+        int region;
+        std::uint32_t length;
+        std::uint32_t metadataSize;
+        bool hasDescriptors;
+        bool hasMetadata;
+        const char* data;
+    } cases[] = {
+        {"whole", regionOf("payload"), 7, 10, true, true, "payload"},
+        {"unsealed", unsealedRegion(), 7, 10, true, true, ""},
+        {"shorter than claimed", regionOf("payload"), 8, 10, true, true, ""},
+        {"not a region", open("/dev/null", O_RDWR | O_CLOEXEC), 7, 10, true, true, ""},
+        {"no length", regionOf("payload"), 0, 10, true, true, ""},
+        {"no descriptor", -1, 7, 10, false, true, ""},
+        {"short metadata", regionOf("payload"), 7, 9, true, false, ""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const ShareFdMetadata metadata{c.length, kRequest, 0x87654321U};
+        for (const bool toService : {true, false}) {
+            Endpoint& from = toService ? client : service;
+            Endpoint& to = toService ? service : client;
+            EXPECT_EQ(from.share(toService ? 0 : id, c.region, metadata, c.metadataSize), 0);
+            const Message share = to.next(toService ? SERVER_SHARE_FD_ID : CLIENT_SHARE_FD_ID);
+            EXPECT_EQ(share.hasDescriptors, c.hasDescriptors);
+            EXPECT_EQ(share.hasMetadata, c.hasMetadata);
+            EXPECT_EQ(share.data, c.data);
+            EXPECT_EQ(share.descriptor >= 0, c.data[0] != '\0' || (c.hasDescriptors && c.length == 0));
+            EXPECT_EQ(share.context, contextOf(c.hasDescriptors && c.hasMetadata ? 0x87654321U : 0));
+        }
+        if (c.region >= 0) close(c.region);
+    }
+}
+
+TEST_F(SharingTest, OneAcknowledgementOfTheLatestShareIsDelivered) {
+    Signal secondSent;
+    int shares = 0;
+    onService = [&](Endpoint& self, const Message& message, nexNipc_parameter_t&) {
+        if (message.id != SERVER_SHARE_FD_ID) return;
+        if (++shares == 1) secondSent.wait();  // So this one comes too late,
+        self.callback(message.peer, SERVER_FD_PROCESSING_COMPLETED_ID, "");
+        self.callback(message.peer, SERVER_FD_PROCESSING_COMPLETED_ID, "");  // and this one too often.
+    };
+    onClient = [](Endpoint& self, const Message& message, nexNipc_parameter_t&) {
+        if (message.id == CLIENT_SHARE_FD_ID) self.request(CLIENT_FD_PROCESSING_COMPLETED_ID, "");
+    };
+    connect();
+    service.callback(id, SERVER_FD_PROCESSING_COMPLETED_ID, "");  // Nobody asked.
+    client.request(CLIENT_FD_PROCESSING_COMPLETED_ID, "");
+    EXPECT_TRUE(shareWhole(client, 0, "first"));
+    EXPECT_TRUE(shareWhole(client, 0, "second"));
+    secondSent.set();
+    const Message toClient = client.next(SERVER_FD_PROCESSING_COMPLETED_ID);
+    EXPECT_EQ(toClient.type, std::uint32_t{CALLBACK});
+    EXPECT_EQ(toClient.context, nullptr);
+    EXPECT_TRUE(shareWhole(client, 0, "third"));
+    client.next(SERVER_FD_PROCESSING_COMPLETED_ID);
+    EXPECT_TRUE(shareWhole(service, id, "there"));
+    EXPECT_EQ(service.next(CLIENT_FD_PROCESSING_COMPLETED_ID).type, std::uint32_t{ASYNC_FUNCTION});
+    client.disconnect();  // After it nothing comes any more, so the count is final.
+    service.next(NEX_NIPC_EVENT_CLIENT_DISCONNECTED);
+    EXPECT_EQ(client.count(SERVER_FD_PROCESSING_COMPLETED_ID), 0U);
+    EXPECT_EQ(service.count(CLIENT_FD_PROCESSING_COMPLETED_ID), 0U);
+}
+
+TEST_F(SharingTest, AListenerMayShareAndWaitForTheAcknowledgement) {
+    std::atomic<int> inTime{0};
+    onService = [&](Endpoint& self, const Message& message, nexNipc_parameter_t&) {
+        if (message.id == SERVER_SHARE_FD_ID) self.callback(message.peer, SERVER_FD_PROCESSING_COMPLETED_ID, "");
+        if (message.id != kRequest) return;
+        shareWhole(self, message.peer, std::string(100000, 's'));
+        if (self.next(CLIENT_FD_PROCESSING_COMPLETED_ID).type == ASYNC_FUNCTION) ++inTime;
+        self.callback(message.peer, kEvent, "");
+    };
+    onClient = [&](Endpoint& self, const Message& message, nexNipc_parameter_t&) {
+        if (message.id == CLIENT_SHARE_FD_ID) self.request(CLIENT_FD_PROCESSING_COMPLETED_ID, "");
+        if (message.id != kEvent) return;
+        shareWhole(self, 0, std::string(100000, 'c'));
+        if (self.next(SERVER_FD_PROCESSING_COMPLETED_ID).type == CALLBACK) ++inTime;
+    };
+    connect();
+    ASSERT_EQ(client.request(kRequest, ""), 0);
+    EXPECT_EQ(client.next(CLIENT_SHARE_FD_ID).data, std::string(100000, 's'));
+    EXPECT_EQ(service.next(SERVER_SHARE_FD_ID).data, std::string(100000, 'c'));
+    client.next(kEvent);
+    EXPECT_EQ(inTime, 2);
+}
+
+TEST_F(SharingTest, ClientsConnectWhileAHandlerIsSlow) {
+    Signal release;
+    onService = [&](Endpoint&, const Message& message, nexNipc_parameter_t&) {
+        if (message.id == kRequest) release.wait();
+    };
+    connect();
+    ASSERT_EQ(client.request(kRequest, ""), 0);
+    Endpoint second;
+    EXPECT_EQ(second.connect(kUuid), 0);
+    EXPECT_EQ(second.next(NEX_NIPC_EVENT_CONNECTION_DONE).status, 0);
+    EXPECT_EQ(service.count(kRequest), 0U);
+    release.set();
+    service.next(NEX_NIPC_EVENT_CLIENT_CONNECTED);
+}
+
+TEST_F(SharingTest, AClientThatDoesNotReadLosesOnlyItsOwnEvents) {
+    Signal inside;
+    Signal release;
+    onClient = [&](Endpoint&, const Message& message, nexNipc_parameter_t&) {
+        if (message.data != "first") return;
+        inside.set();
+        release.wait();
+    };
+    connect();
+    Endpoint other;
+    ASSERT_EQ(other.connect(kUuid), 0);
+    const std::uint16_t otherId = service.next(NEX_NIPC_EVENT_CLIENT_CONNECTED).peer;
+    ASSERT_EQ(service.callback(id, kEvent, "first"), 0);
+    ASSERT_TRUE(inside.wait());
+
+    // Events fill three quarters of 2 MiB beyond what the kernel holds, answers the rest.
+    const auto fill = [&](std::uint16_t function, void* context) {
+        std::size_t sent = 0;
+        nex_status_t status = 0;
+        while (sent < 1000 && (status = service.callback(id, function, kPacket, context)) == 0) ++sent;
+        EXPECT_EQ(status, -ENOBUFS);
+        return sent;
+    };
+    const std::size_t events = fill(kEvent, nullptr);
+    const std::size_t answers = fill(ASYNC_RESPONSE_SUCCESS_ID, contextOf(7));
+    EXPECT_GE(events, 90U);
+    EXPECT_LE(events, 200U);
+    EXPECT_GE(answers, 24U);
+    EXPECT_LE(answers, 40U);
+
+    // The others go on; a request of the silent one waits until it reads.
+    EXPECT_EQ(service.callback(otherId, kEvent, "news"), 0);
+    EXPECT_EQ(other.next(kEvent).data, "news");
+    ASSERT_EQ(client.request(kRequest, ""), 0);
+    ASSERT_EQ(other.request(kRequest, "other"), 0);
+    EXPECT_EQ(service.next(kRequest).data, "other");
+    release.set();
+    for (std::size_t i = 0; i <= events; ++i) client.next(kEvent);
+    for (std::size_t i = 0; i < answers; ++i) EXPECT_EQ(client.next(ASYNC_RESPONSE_SUCCESS_ID).data, kPacket);
+    service.next(kRequest);
+    EXPECT_EQ(service.callback(id, kEvent, "again"), 0);
+    EXPECT_EQ(client.next(kEvent).data, "again");
+}
+
+TEST_F(SharingTest, ARequestToAServiceThatDoesNotReadFailsAfterAWhile) {
+    Signal release;
+    onService = [&](Endpoint&, const Message& message, nexNipc_parameter_t& parameter) {
+        if (message.id == kNever) release.wait();
+        if (message.type == SYNC_FUNCTION) echo(parameter);
+    };
+    connect();
+    ASSERT_EQ(client.request(kNever, ""), 0);
+    std::size_t sent = 0;
+    nex_status_t status = 0;
+    while (sent < 10000 && (status = client.request(kRequest, kPacket)) == 0) ++sent;
+    EXPECT_EQ(status, -ETIMEDOUT);
+    release.set();
+    for (std::size_t i = 0; i < sent; ++i) service.next(kRequest);
+    EXPECT_EQ(client.call(kRequest, "again").response, "again");
+}
