@@ -101,6 +101,7 @@ void Client::onControl(PacketBatch& scratch) {
     const PacketBatch::Result result = scratch.receive(control_, Wait::No);
     bool good = result.status == 0 || result.status == -EAGAIN;
     for (unsigned i = 0; i < result.count; ++i) good = handleControl(scratch[i]) && good;
+    scratch.discard();
     if (!good) shutdown();
 }
 

@@ -109,8 +109,11 @@ PacketBatch::PacketBatch() : messages_(), payloads_(new char[std::size_t{kCount}
     }
 }
 
+void PacketBatch::discard() {
+    for (unsigned i = 0; i < used_; ++i) packets_[i].descriptor.reset();
+}
+
 void PacketBatch::prepare(unsigned index) {
-    packets_[index].descriptor.reset();
     packets_[index].descriptorLost = false;
     msghdr& message = messages_[index].msg_hdr;
     message = msghdr{};
@@ -134,6 +137,7 @@ bool PacketBatch::accept(unsigned index, unsigned length) {
 }
 
 PacketBatch::Result PacketBatch::receive(const PacketSocket& socket, Wait wait) {
+    discard();
     for (unsigned i = 0; i < used_; ++i) prepare(i);
     used_ = 0;
     const int flags = MSG_CMSG_CLOEXEC | (wait == Wait::No ? MSG_DONTWAIT : MSG_WAITFORONE);

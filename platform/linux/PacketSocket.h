@@ -64,6 +64,8 @@ public:
     PacketBatch();
     Result receive(const PacketSocket& socket, Wait wait);
     Packet& operator[](unsigned index) { return packets_[index]; }
+    // Closes the descriptors that nobody took.
+    void discard();
 
 private:
     struct alignas(cmsghdr) Control {

@@ -49,7 +49,7 @@ void ServiceDelivery::loop() {
             if (from == kInbox) {
                 takeInbox();
             } else {
-                serve(static_cast<std::uint16_t>(from));
+                serve(static_cast<std::uint16_t>(from), events[static_cast<std::size_t>(i)].events);
             }
         }
     }
@@ -91,27 +91,29 @@ void ServiceDelivery::arrive(const SessionPtr& session) {
     if (!watch(*session, EPOLL_CTL_ADD, EPOLLIN)) leave(session);
 }
 
-void ServiceDelivery::serve(std::uint16_t clientId) {
+void ServiceDelivery::serve(std::uint16_t clientId, std::uint32_t events) {
     const auto found = active_.find(clientId);
     if (found == active_.end()) return;
-    const SessionPtr session = found->second;
+    SessionPtr session = found->second;
     bool good = false;
     try {
-        good = !session->closed && readTurn(*session);
+        good = !session->closed && readTurn(*session, events);
     } catch (...) {
         // Out of memory for this client: it alone is given up.
     }
-    if (!good) leave(session);
+    batch_.discard();
+    if (!good) leave(std::move(session));
 }
 
-bool ServiceDelivery::readTurn(Session& session) {
+bool ServiceDelivery::readTurn(Session& session, std::uint32_t events) {
+    // A client that is gone shows itself even where it is not being read.
+    if (session.holdReading()) return (events & (EPOLLHUP | EPOLLERR)) == 0 && watch(session, EPOLL_CTL_MOD, 0);
     const PacketBatch::Result result = batch_.receive(session.main, Wait::No);
     for (unsigned i = 0; i < result.count; ++i) {
         if (service_.stopped_) return true;
         if (session.closed || !handle(session, batch_[i])) return false;
     }
-    if (result.status != 0 && result.status != -EAGAIN) return false;
-    return !session.holdReading() || watch(session, EPOLL_CTL_MOD, 0);
+    return result.status == 0 || result.status == -EAGAIN;
 }
 
 bool ServiceDelivery::watch(const Session& session, int operation, std::uint32_t events) const {
@@ -122,11 +124,12 @@ bool ServiceDelivery::watch(const Session& session, int operation, std::uint32_t
 }
 
 void ServiceDelivery::leave(SessionPtr session) {
+    Call call = Call::event(NEX_NIPC_EVENT_CLIENT_DISCONNECTED, session->id);
     watch(*session, EPOLL_CTL_DEL, 0);
     active_.erase(session->id);
     session->shutdown();
     service_.forget(*session);
-    Call call = Call::event(NEX_NIPC_EVENT_CLIENT_DISCONNECTED, session->id);
+    session.reset();
     service_.upcall.run(call);
 }
 
@@ -178,7 +181,7 @@ bool ServiceDelivery::handleSync(Session& session, Packet& packet) {
     const FrameHeader& header = packet.header;
     const bool descriptor = packet.descriptor.valid() || packet.descriptorLost;
     if (isShareId(header.functionId) || packet.outOfLine() != descriptor) return false;
-    if (header.status < 0 || header.status >= static_cast<std::int32_t>(kChannelsPerClient)) return false;
+    if (!session.slots.wasOpened(static_cast<std::uint32_t>(header.status))) return false;
     Call call;
     call.type = SYNC_FUNCTION;
     call.peerId = session.id;
@@ -213,7 +216,7 @@ void ServiceDelivery::answer(Session& session, const FrameHeader& request, const
     header.functionId = request.functionId;
     header.sequence = request.sequence;
     header.status = call.status;
-    const std::size_t room = std::min<std::uint64_t>(bufferSize, request.context);
+    const auto room = static_cast<std::size_t>(std::min<std::uint64_t>(bufferSize, request.context));
     if (call.status == 0) header.length = static_cast<std::uint32_t>(std::min<std::size_t>(call.length, room));
     Fd memory;
     if (header.length > kInlineLimit) {

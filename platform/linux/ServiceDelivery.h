@@ -22,8 +22,8 @@ private:
     void loop();
     void takeInbox();
     void arrive(const SessionPtr& session);
-    void serve(std::uint16_t clientId);
-    bool readTurn(Session& session);
+    void serve(std::uint16_t clientId, std::uint32_t events);
+    bool readTurn(Session& session, std::uint32_t events);
     bool handle(Session& session, Packet& packet);
     bool handleAsync(Session& session, Packet& packet);
     bool handleShare(Session& session, Packet& packet);

@@ -104,21 +104,23 @@ void Session::shutdown() {
         unwatchWritable();
     }
     lane_.remove(controlSource_);
-    main.shutdown();
     control_.shutdown();
     slots.shutdown();
+    main.shutdown();
 }
 
 void Session::onControl(PacketBatch& scratch) {
     const PacketBatch::Result result = scratch.receive(control_, Wait::No);
     bool good = result.status == 0 || result.status == -EAGAIN;
     for (unsigned i = 0; good && i < result.count; ++i) good = handleControl(scratch[i]);
+    scratch.discard();
     if (!good) shutdown();
 }
 
 bool Session::handleControl(const Packet& packet) {
     const FrameHeader& header = packet.header;
-    if (header.length != 0 || packet.descriptor.valid() || packet.descriptorLost) return false;
+    const bool plain = header.functionId == 0 && header.length == 0;
+    if (!plain || packet.descriptor.valid() || packet.descriptorLost) return false;
     const std::shared_ptr<Service> service = service_.lock();
     if (!service) return false;
     switch (header.type) {

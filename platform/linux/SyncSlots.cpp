@@ -10,7 +10,14 @@ int SyncSlots::open(PacketSocket& theirs) {
     const auto unused = std::find_if(slots_.begin(), slots_.end(), [](const auto& slot) { return !slot.valid(); });
     if (unused == slots_.end()) return -EUSERS;
     if (const int status = PacketSocket::pair(*unused, theirs)) return status;
-    return static_cast<int>(unused - slots_.begin());
+    const auto slot = static_cast<std::size_t>(unused - slots_.begin());
+    everOpened_ = std::max(everOpened_, slot + 1);
+    return static_cast<int>(slot);
+}
+
+bool SyncSlots::wasOpened(std::uint32_t slot) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return slot < everOpened_;
 }
 
 bool SyncSlots::close(std::uint32_t slot) {
