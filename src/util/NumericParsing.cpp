@@ -14,8 +14,9 @@ namespace {
 template <typename Wide>
 bool parseStrictly(const char* str, Wide* out, int base, Wide (*convert)(const char*, char**, int)) {
     if (str == nullptr || out == nullptr) return false;
-    // An unknown base may leave `end` unwritten.
-    char* end = const_cast<char*>(str);
+    // With an unknown base the C library reads nothing, and not each of them then says where it stopped.
+    if (base < 0 || base == 1 || base > 36) return false;
+    char* end = nullptr;
     errno = 0;
     const Wide value = convert(str, &end, base);
     if (end == str || errno == ERANGE) return false;
@@ -90,7 +91,7 @@ bool StringUtils::stringToUInt8(const char* str, unsigned char* out, int base) {
 
 bool StringUtils::stringToDouble(const char* str, double* out) {
     if (str == nullptr || out == nullptr) return false;
-    char* end = const_cast<char*>(str);
+    char* end = nullptr;
     errno = 0;
     const double value = std::strtod(str, &end);
     if (end == str || errno == ERANGE || std::isnan(value)) return false;

@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cctype>
 #include <string>
 
@@ -18,8 +17,7 @@ Ids lookUp(const std::string& group, const std::string& schema) {
 }
 
 std::string otherCase(std::string key) {
-    const auto flip = [](unsigned char c) { return std::islower(c) != 0 ? std::toupper(c) : std::tolower(c); };
-    std::transform(key.begin(), key.end(), key.begin(), [&](char c) { return static_cast<char>(flip(c)); });
+    for (char& c : key) c = static_cast<char>(std::islower(c) != 0 ? std::toupper(c) : std::tolower(c));
     return key;
 }
 
