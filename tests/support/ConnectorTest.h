@@ -1,0 +1,70 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "ConnectorTestAccess.h"
+#include "FakePlatform.h"
+#include "FakeTime.h"
+#include "Faults.h"
+#include "Gate.h"
+#include "Recording.h"
+#include "nipcconnector/FunctionId.h"
+
+namespace nipctest {
+
+using Access = nipcconnector::ConnectorTestAccess;
+using nipcconnector::computeFunctionId;
+using nipcconnector::NIPCConnector;
+using smarthome::RequestStatus;
+
+enum class Role { Client, Server };
+
+/// A connector under test and what it logged and measured.
+struct Subject {
+    std::string name;
+    std::shared_ptr<Journal> journal;
+    std::shared_ptr<NIPCConnector> connector;
+
+    NIPCConnector* operator->() const { return connector.get(); }
+    NIPCConnector& operator*() const { return *connector; }
+
+    /// Compares everything since the last call, format strings included.
+    void expectJournal(const std::vector<Line>& lines, const std::vector<std::string>& metrics) const {
+        EXPECT_EQ(journal->lines(), lines);
+        EXPECT_EQ(journal->metrics(), metrics);
+        journal->clear();
+    }
+};
+
+/// Connectors on the scripted platform and clock. Each gets a name of its own, as the registry keeps them
+/// to the end of the process.
+class ConnectorTest : public ::testing::Test {
+protected:
+    ConnectorTest();
+    ~ConnectorTest() override;
+
+    /// As the factory makes it, not yet initialized.
+    Subject make(Role role, const nipcconnector::NIPCServiceConfig& config = {"service", 7});
+    /// Built without the factory: no callback manager.
+    Subject makeBare(Role role, const nipcconnector::NIPCServiceConfig& config = {"service", 7});
+    Subject connectedClient() { return up(make(Role::Client)); }
+    Subject startedServer() { return up(make(Role::Server)); }
+    /// Initializes it, waits until it is up and clears its journal.
+    Subject up(Subject subject);
+    /// The client's worker has ended and the client is connected with the newest handle.
+    void expectConnected(const Subject& subject, std::size_t connects);
+    void clientConnects(std::uint16_t clientId);
+
+    FakePlatform& platform = FakePlatform::instance();
+    FakeTime& time = FakeTime::instance();
+
+private:
+    std::vector<Subject> subjects;
+    std::vector<std::uint16_t> clients;
+};
+
+}  // namespace nipctest

@@ -1,0 +1,342 @@
+#include "FakePlatform.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+namespace nipctest {
+namespace {
+
+constexpr std::size_t listenerBufferSize = 16384;
+
+template <class Record>
+Call describe(Operation operation, std::int32_t handle, const Record& record) {
+    Call call;
+    call.operation = operation;
+    call.handle = handle;
+    call.record.assign(reinterpret_cast<const char*>(&record), sizeof record);
+    return call;
+}
+
+template <class Record>
+Call describeMessage(Operation operation, std::int32_t handle, const Record& record) {
+    Call call = describe(operation, handle, record);
+    call.functionId = record.functionId;
+    call.length = record.length;
+    call.nullPayload = record.payload == nullptr;
+    if (!call.nullPayload) call.payload.assign(static_cast<const char*>(record.payload), record.length);
+    return call;
+}
+
+/// A platform refuses bytes that are not there.
+bool isMissingBytes(const Call& call) { return call.nullPayload && call.length > 0; }
+
+std::string readDescriptor(int descriptor, std::size_t size) {
+    std::string bytes(size, '\0');
+    const ssize_t got = pread(descriptor, bytes.data(), size, 0);
+    bytes.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
+    return bytes;
+}
+
+int makeMemory(const char* name, std::size_t size) {
+    const int descriptor = memfd_create(name, MFD_CLOEXEC);
+    if (descriptor >= 0 && ftruncate(descriptor, static_cast<off_t>(size)) != 0) {
+        close(descriptor);
+        return -1;
+    }
+    return descriptor;
+}
+
+}  // namespace
+
+FakePlatform& FakePlatform::instance() {
+    static auto* const platform = new FakePlatform;
+    return *platform;
+}
+
+void FakePlatform::reset() {
+    const std::lock_guard<std::mutex> lock(mutex);
+    recorded.clear();
+    scripts = {};
+    endpoints.clear();
+    syncAnswer = {};
+    acknowledging = mappable = true;
+}
+
+void FakePlatform::failNext(Operation operation, nex_status_t status, int times) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    scriptOf(operation).results.insert(scriptOf(operation).results.end(), static_cast<std::size_t>(times), status);
+}
+
+void FakePlatform::failAlways(Operation operation, nex_status_t status) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    scriptOf(operation).standing = status;
+}
+
+void FakePlatform::onCall(Operation operation, std::function<void(const Call&)> hook) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    scriptOf(operation).hook.swap(hook);
+}
+
+void FakePlatform::answerSyncWith(SyncAnswer answer) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    syncAnswer = std::move(answer);
+}
+
+void FakePlatform::acknowledgeShares(bool acknowledge) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    acknowledging = acknowledge;
+}
+
+void FakePlatform::makeMappableRegions(bool isMappable) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    mappable = isMappable;
+}
+
+std::vector<Call> FakePlatform::calls(Operation operation) const {
+    const std::lock_guard<std::mutex> lock(mutex);
+    std::vector<Call> found;
+    std::copy_if(recorded.begin(), recorded.end(), std::back_inserter(found),
+                 [operation](const Call& call) { return call.operation == operation; });
+    return found;
+}
+
+void FakePlatform::forgetCalls() {
+    const std::lock_guard<std::mutex> lock(mutex);
+    recorded.clear();
+}
+
+bool FakePlatform::waitForCalls(Operation operation, std::size_t count, std::chrono::milliseconds limit) const {
+    std::unique_lock<std::mutex> lock(mutex);
+    return called.wait_for(lock, limit, [&] {
+        return static_cast<std::size_t>(std::count_if(recorded.begin(), recorded.end(), [operation](const Call& call) {
+                   return call.operation == operation;
+               })) >= count;
+    });
+}
+
+std::optional<FakePlatform::Endpoint> FakePlatform::endpoint(std::int32_t handle) const {
+    const std::lock_guard<std::mutex> lock(mutex);
+    const auto found = std::find_if(endpoints.rbegin(), endpoints.rend(), [handle](const Endpoint& candidate) {
+        return handle == -1 || candidate.handle == handle;
+    });
+    return found == endpoints.rend() ? std::nullopt : std::optional<Endpoint>(*found);
+}
+
+nexNipc_listener_t FakePlatform::listener() const {
+    const auto newest = endpoint(-1);
+    return newest ? newest->listener : nullptr;
+}
+
+Delivered FakePlatform::deliver(const Message& message) {
+    const auto target = endpoint(message.handle);
+    if (!target) return {-ENOTCONN, 0, 0, {}};
+
+    std::vector<char> buffer(std::max(listenerBufferSize, message.payload.size()));
+    std::copy(message.payload.begin(), message.payload.end(), buffer.begin());
+    Delivered delivered{0, message.status, static_cast<std::uint32_t>(message.payload.size()), {}};
+    nexNipc_parameter_t parameter{};
+    parameter.peerId = message.peerId;
+    parameter.type = message.type;
+    parameter.functionId = message.functionId;
+    parameter.eventId = message.eventId;
+    parameter.userContext = message.userContext != nullptr ? message.userContext : target->userContext;
+    parameter.requestContext = reinterpret_cast<void*>(message.requestContext);
+    if (!message.nullPointers) {
+        parameter.length = &delivered.length;
+        parameter.status = &delivered.status;
+        parameter.data = buffer.data();
+    }
+    delivered.result = target->listener(&parameter);
+    delivered.data.assign(buffer.data(), std::min<std::size_t>(delivered.length, buffer.size()));
+    return delivered;
+}
+
+Delivered FakePlatform::deliverEvent(std::uint16_t eventId, std::uint16_t peerId, std::int32_t status) {
+    Message message;
+    message.type = EVENT;
+    message.eventId = eventId;
+    message.peerId = peerId;
+    message.status = status;
+    return deliver(message);
+}
+
+Delivered FakePlatform::deliverCallback(std::uint16_t functionId, const std::string& payload,
+                                        std::uintptr_t requestContext) {
+    Message message;
+    message.functionId = functionId;
+    message.payload = payload;
+    message.requestContext = requestContext;
+    return deliver(message);
+}
+
+Delivered FakePlatform::deliverRequest(NipcMessageType type, std::uint16_t functionId, const std::string& payload,
+                                       std::uint16_t clientId, std::uintptr_t requestContext) {
+    Message message;
+    message.type = type;
+    message.peerId = clientId;
+    message.functionId = functionId;
+    message.payload = payload;
+    message.requestContext = requestContext;
+    message.status = -1;
+    return deliver(message);
+}
+
+Delivered FakePlatform::deliverShare(const SharedMessage& message) {
+    const auto target = endpoint(-1);
+    if (!target) return {-ENOTCONN, 0, 0, {}};
+
+    ShareFdMetadata metadata{message.claimedLength.value_or(static_cast<std::uint32_t>(message.payload.size())),
+                             message.functionId, message.requestContext};
+    std::int32_t descriptor = message.descriptor.value_or(-1);  // The listener closes it.
+    if (!message.descriptor) {
+        descriptor = makeMemory("nipc_connector_payload", message.payload.size());
+        if (pwrite(descriptor, message.payload.data(), message.payload.size(), 0) < 0) return {-EIO, 0, 0, {}};
+    }
+    ShareFdMsg share{};
+    share.fdCount = 1;
+    share.metadataSize = sizeof metadata;
+    share.fds = message.nullDescriptors ? nullptr : &descriptor;
+    share.metadata = message.nullMetadata ? nullptr : &metadata;
+
+    Delivered delivered{0, 0, sizeof share, {}};
+    nexNipc_parameter_t parameter{};
+    parameter.peerId = message.peerId;
+    parameter.type = target->isServer ? ASYNC_FUNCTION : CALLBACK;
+    parameter.functionId = target->isServer ? SERVER_SHARE_FD_ID : CLIENT_SHARE_FD_ID;
+    parameter.length = &delivered.length;
+    parameter.status = &delivered.status;
+    parameter.data = &share;
+    parameter.userContext = message.userContext != nullptr ? message.userContext : target->userContext;
+    delivered.result = (message.receiver != nullptr ? message.receiver : target->listener)(&parameter);
+    return delivered;
+}
+
+Delivered FakePlatform::deliverAcknowledgement(std::uint16_t clientId, std::int32_t handle) {
+    const auto target = endpoint(handle);
+    Message message;
+    message.handle = handle;
+    message.peerId = clientId;
+    message.type = target && target->isServer ? ASYNC_FUNCTION : CALLBACK;
+    message.functionId =
+        target && target->isServer ? CLIENT_FD_PROCESSING_COMPLETED_ID : SERVER_FD_PROCESSING_COMPLETED_ID;
+    return deliver(message);
+}
+
+nex_status_t FakePlatform::perform(Call call, std::int32_t* newHandle, nexNipc_listener_t newListener,
+                                   void* userContext) {
+    std::unique_lock<std::mutex> lock(mutex);
+    Script& script = scriptOf(call.operation);
+    nex_status_t status = script.standing;
+    if (!script.results.empty()) {
+        status = script.results.front();
+        script.results.pop_front();
+    }
+    if (status == 0 && isMissingBytes(call)) status = -EINVAL;
+    if (status == 0 && newHandle != nullptr) {
+        call.handle = *newHandle = nextHandle++;
+        endpoints.push_back({call.handle, call.operation == Operation::Start, newListener, userContext});
+    }
+    recorded.push_back(call);
+    const auto hook = script.hook;
+    called.notify_all();
+    lock.unlock();
+    if (hook) hook(call);
+    return status;
+}
+
+nex_status_t FakePlatform::share(Operation operation, std::int32_t handle, std::uint16_t clientId,
+                                 const ShareFdMsg& message) {
+    ShareFdMetadata metadata{};
+    std::memcpy(&metadata, message.metadata, sizeof metadata);
+    Call call = describe(operation, handle, message);
+    call.clientId = clientId;
+    call.functionId = metadata.functionId;
+    call.length = metadata.length;
+    call.requestContext = metadata.requestContext;
+    call.payload = readDescriptor(message.fds[0], metadata.length);
+    const nex_status_t status = perform(std::move(call));
+
+    std::unique_lock<std::mutex> lock(mutex);
+    const bool acknowledge = acknowledging && status == 0;
+    lock.unlock();
+    if (acknowledge) deliverAcknowledgement(clientId, handle);
+    return status;
+}
+
+nex_status_t FakePlatform::answerSync(std::int32_t handle, SyncRpcRecord& record) {
+    const nex_status_t status = perform(describeMessage(Operation::RpcSync, handle, record));
+    if (status != 0) return status;
+    const std::lock_guard<std::mutex> lock(mutex);
+    const std::size_t size = std::min<std::size_t>(syncAnswer.response.size(), record.responseLength);
+    if (size > 0) std::memcpy(record.response, syncAnswer.response.data(), size);
+    record.responseLength = syncAnswer.reportedLength.value_or(static_cast<std::uint32_t>(size));
+    record.status = syncAnswer.status;
+    return 0;
+}
+
+int FakePlatform::makeRegion(const char* name, std::size_t size) {
+    Call call;
+    call.operation = Operation::AshmemCreateRegion;
+    call.length = static_cast<std::uint32_t>(size);
+    call.record = name != nullptr ? name : "";
+    const nex_status_t status = perform(std::move(call));
+    if (status != 0) return status;
+    const std::lock_guard<std::mutex> lock(mutex);
+    return mappable ? makeMemory(name, size) : open("/dev/null", O_RDWR | O_CLOEXEC);
+}
+
+}  // namespace nipctest
+
+using nipctest::describe;
+using nipctest::describeMessage;
+using nipctest::FakePlatform;
+using nipctest::Operation;
+
+extern "C" {
+
+nex_status_t nexNipc_start(int32_t* handle, const ServerStartRecord* record) {
+    return FakePlatform::instance().perform(describe(Operation::Start, -1, *record), handle, record->listener,
+                                            record->userContext);
+}
+
+nex_status_t nexNipc_connect(int32_t* handle, const ClientConnectRecord* record) {
+    return FakePlatform::instance().perform(describe(Operation::Connect, -1, *record), handle, record->listener,
+                                            record->userContext);
+}
+
+nex_status_t nexNipc_disconnect(int32_t* handle) {
+    return FakePlatform::instance().perform(describe(Operation::Disconnect, *handle, *handle));
+}
+
+nex_status_t nexNipc_rpcAsync(int32_t handle, AsyncRpcRecord* record) {
+    auto call = describeMessage(Operation::RpcAsync, handle, *record);
+    call.requestContext = reinterpret_cast<std::uintptr_t>(record->requestContext);
+    return FakePlatform::instance().perform(std::move(call));
+}
+
+nex_status_t nexNipc_rpcSync(int32_t handle, SyncRpcRecord* record) {
+    return FakePlatform::instance().answerSync(handle, *record);
+}
+
+nex_status_t nexNipc_callback(int32_t handle, uint16_t clientId, CallbackRecord* record) {
+    auto call = describeMessage(Operation::Callback, handle, *record);
+    call.clientId = clientId;
+    call.requestContext = reinterpret_cast<std::uintptr_t>(record->requestContext);
+    return FakePlatform::instance().perform(std::move(call));
+}
+
+nex_status_t nexNipc_clientShareFd(int32_t handle, ShareFdMsg* message) {
+    return FakePlatform::instance().share(Operation::ClientShareFd, handle, 0, *message);
+}
+
+nex_status_t nexNipc_serviceShareFd(int32_t handle, uint16_t clientId, ShareFdMsg* message) {
+    return FakePlatform::instance().share(Operation::ServiceShareFd, handle, clientId, *message);
+}
+
+int ashmem_create_region(const char* name, size_t size) { return FakePlatform::instance().makeRegion(name, size); }
+}

@@ -1,0 +1,165 @@
+#pragma once
+
+#include <array>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "nex_nipc.h"
+
+namespace nipctest {
+
+enum class Operation {
+    Start,
+    Connect,
+    Disconnect,
+    RpcAsync,
+    RpcSync,
+    Callback,
+    ClientShareFd,
+    ServiceShareFd,
+    AshmemCreateRegion
+};
+
+/// One call of an operation, with copies of everything it pointed to.
+struct Call {
+    Operation operation = Operation::Start;
+    std::int32_t handle = -1;  ///< As given; for start and connect as written.
+    std::uint16_t clientId = 0;
+    std::uint16_t functionId = 0;  ///< Of a share: of the carried message.
+    bool nullPayload = false;
+    std::string payload;  ///< Of a share: what stands in the shared memory.
+    std::uint32_t length = 0;
+    std::uintptr_t requestContext = 0;
+    std::string record;  ///< The record itself, byte for byte (its pointers are void by now).
+};
+
+/// What the listener is called with.
+struct Message {
+    std::uint32_t type = CALLBACK;
+    std::uint16_t peerId = 0;
+    std::uint16_t functionId = 0;
+    std::uint16_t eventId = 0;
+    std::string payload;
+    std::uintptr_t requestContext = 0;
+    std::int32_t status = 0;
+    bool nullPointers = false;    ///< Length, status and data are null.
+    std::int32_t handle = -1;     ///< Whose listener; -1 for the newest.
+    void* userContext = nullptr;  ///< If not the one that was registered with it.
+};
+
+/// A payload that arrives through shared memory.
+struct SharedMessage {
+    std::uint16_t functionId = 0;
+    std::string payload;
+    std::uint32_t requestContext = 0;
+    std::uint16_t peerId = 0;
+    std::optional<std::uint32_t> claimedLength;  ///< If not the payload's.
+    std::optional<std::int32_t> descriptor;      ///< If not that of a new region.
+    bool nullDescriptors = false;
+    bool nullMetadata = false;
+    nexNipc_listener_t receiver = nullptr;  ///< Called in place of the registered listener.
+    void* userContext = nullptr;
+};
+
+/// What a listener call left behind.
+struct Delivered {
+    int result = 0;
+    std::int32_t status = 0;
+    std::uint32_t length = 0;
+    std::string data;  ///< The first `length` bytes of the buffer, 16384 at most.
+};
+
+struct SyncAnswer {
+    std::string response;
+    std::int32_t status = 0;                      ///< The service's own, in the record.
+    std::optional<std::uint32_t> reportedLength;  ///< If not the response's.
+};
+
+/// A platform that runs nothing by itself: it records calls, gives the results a test scripted, and
+/// delivers what a test tells it to. Linked in place of libnex_nipc, it lets a component that uses the
+/// connector be tested in one process and without a service.
+///
+/// Everything succeeds unless told otherwise. A connect succeeds at once and no event follows it; shares
+/// are acknowledged from inside the share call. Deliveries run on the calling thread. Thread-safe.
+class FakePlatform {
+public:
+    /// The one of the process; never destroyed, as a platform outlives its users.
+    static FakePlatform& instance();
+
+    /// Forgets calls, script, hooks and listeners.
+    void reset();
+
+    /// The next `times` calls of `operation` return `status`; after them the standing result applies.
+    void failNext(Operation operation, nex_status_t status, int times = 1);
+    /// All calls of `operation` return `status` from now on; 0 lets them succeed again.
+    void failAlways(Operation operation, nex_status_t status);
+    /// Runs `hook` inside every call of `operation`, after its handle was written and before it returns.
+    void onCall(Operation operation, std::function<void(const Call&)> hook);
+    void answerSyncWith(SyncAnswer answer);
+    /// Whether a successful share is acknowledged, from inside the share call.
+    void acknowledgeShares(bool acknowledge);
+    /// Whether regions that are made from now on can be mapped.
+    void makeMappableRegions(bool mappable);
+
+    std::vector<Call> calls(Operation operation) const;
+    void forgetCalls();
+    /// Waits until `operation` was called `count` times; false when that took longer than `limit`.
+    bool waitForCalls(Operation operation, std::size_t count,
+                      std::chrono::milliseconds limit = std::chrono::seconds(10)) const;
+
+    Delivered deliver(const Message& message);
+    Delivered deliverEvent(std::uint16_t eventId, std::uint16_t peerId = 0, std::int32_t status = 0);
+    /// An answer, when `requestContext` is not 0, else an event; to a client.
+    Delivered deliverCallback(std::uint16_t functionId, const std::string& payload, std::uintptr_t requestContext = 0);
+    /// A request to a server.
+    Delivered deliverRequest(NipcMessageType type, std::uint16_t functionId, const std::string& payload,
+                             std::uint16_t clientId, std::uintptr_t requestContext = 0);
+    Delivered deliverShare(const SharedMessage& message);
+    /// The peer has copied a shared payload.
+    Delivered deliverAcknowledgement(std::uint16_t clientId = 0, std::int32_t handle = -1);
+    /// The listener that was registered last; null when there is none.
+    nexNipc_listener_t listener() const;
+
+    /// The operations come in here.
+    nex_status_t perform(Call call, std::int32_t* newHandle = nullptr, nexNipc_listener_t newListener = nullptr,
+                         void* userContext = nullptr);
+    nex_status_t share(Operation operation, std::int32_t handle, std::uint16_t clientId, const ShareFdMsg& message);
+    nex_status_t answerSync(std::int32_t handle, SyncRpcRecord& record);
+    int makeRegion(const char* name, std::size_t size);
+
+private:
+    struct Endpoint {
+        std::int32_t handle;
+        bool isServer;
+        nexNipc_listener_t listener;
+        void* userContext;
+    };
+    struct Script {
+        std::deque<nex_status_t> results;
+        nex_status_t standing = 0;
+        std::function<void(const Call&)> hook;
+    };
+
+    FakePlatform() = default;
+    Script& scriptOf(Operation operation) { return scripts[static_cast<std::size_t>(operation)]; }
+    std::optional<Endpoint> endpoint(std::int32_t handle) const;
+
+    mutable std::mutex mutex;
+    mutable std::condition_variable called;
+    std::vector<Call> recorded;
+    std::array<Script, 9> scripts;
+    std::vector<Endpoint> endpoints;
+    SyncAnswer syncAnswer;
+    bool acknowledging = true;
+    bool mappable = true;
+    std::int32_t nextHandle = 100;
+};
+
+}  // namespace nipctest

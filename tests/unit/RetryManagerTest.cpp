@@ -1,0 +1,147 @@
+#include <cstdlib>
+
+#include "ConnectorTest.h"
+
+namespace nipctest {
+namespace {
+
+class RetryManager : public ConnectorTest {
+protected:
+    /// Fails `failures` times, then succeeds.
+    void retry(int failures, const std::string& name) {
+        remaining = failures;
+        EXPECT_TRUE(Access::retryManager(*subject).startRetry([this] { return remaining-- > 0 ? -111 : 0; }, name));
+    }
+    Line failed(const std::string& name, int attempt, int delay) {
+        return warn("%s failed on attempt %d, status: %d, retrying in %dms",
+                    name + " failed on attempt " + std::to_string(attempt) + ", status: -111, retrying in " +
+                        std::to_string(delay) + "ms");
+    }
+
+    Subject subject = makeBare(Role::Client);
+    std::atomic<int> remaining{0};
+};
+
+TEST_F(RetryManager, WaitsDoubleUpToFiveSecondsGiveOrTakeATenth) {
+    const struct {
+        unsigned int jitter;
+        std::vector<int> delays;
+        int slices;
+    } cases[] = {{0, {100, 180, 324, 584, 1052, 1894, 3410, 4500, 4500}, 168},
+                 {1, {100, 200, 400, 800, 1600, 3200, 5000, 5000}, 163},
+                 {2, {100, 220, 484, 1064, 2340, 5148, 5500}, 151}};
+    for (const auto& c : cases) {
+        time.reset();
+        time.jitter = c.jitter;
+        retry(static_cast<int>(c.delays.size()), "OPERATION");
+        ASSERT_TRUE(subject.journal->waitFor("Retry stopped for OPERATION"));
+        std::vector<Line> lines = {
+            debug("Starting non-blocking retry for %s", "Starting non-blocking retry for OPERATION")};
+        for (const int delay : c.delays) lines.push_back(failed("OPERATION", static_cast<int>(lines.size()), delay));
+        lines.push_back(info("%s succeeded after %d retries",
+                             "OPERATION succeeded after " + std::to_string(c.delays.size()) + " retries"));
+        lines.push_back(debug("Retry stopped for %s", "Retry stopped for OPERATION"));
+        subject.expectJournal(lines, {});
+        EXPECT_EQ(time.slept, c.slices);
+        EXPECT_FALSE(Access::retryManager(*subject).isActive());
+    }
+}
+
+TEST_F(RetryManager, TwentyMinutesOfFailureAreReportedOnceAndSoIsTheLaterSuccess) {
+    retry(300, "OPERATION");
+    ASSERT_TRUE(subject.journal->waitFor("Retry stopped for OPERATION"));
+    EXPECT_EQ(subject.journal->metrics(),
+              (std::vector<std::string>{
+                  "ConnectionInitiationFailure OperationName=\"OPERATION\" RetryAttempts=246 TotalDurationMs=1201300",
+                  "ConnectionInitiationEventualSuccess OperationName=\"OPERATION\" RetryAttempts=300"}));
+    const auto lines = subject.journal->lines();
+    ASSERT_EQ(lines.size(), 304U);
+    EXPECT_EQ(lines[246], failed("OPERATION", 246, 5000));
+    EXPECT_EQ(lines[247], error("%s has been failing for %ldms with %d attempts - this is a persistent failure",
+                                "OPERATION has been failing for 1201300ms with 246 attempts - this is a persistent "
+                                "failure"));
+    EXPECT_EQ(lines[248], failed("OPERATION", 247, 5000));
+}
+
+TEST_F(RetryManager, OneOperationAtATimeAndAStopEndsItWithinASlice) {
+    Gate gate;
+    time.onSleep([&] {
+        if (time.slept == 100) gate.pass();
+    });
+    retry(1'000'000, "FIRST");
+    ASSERT_TRUE(gate.awaitArrival());
+    EXPECT_TRUE(Access::retryManager(*subject).startRetry([] { return 0; }, "SECOND"));
+    EXPECT_EQ(subject.journal->lines().back(),
+              warn("Retry already in progress for %s", "Retry already in progress for SECOND"));
+
+    subject.journal->clear();
+    subject.journal->onLine("Stopping retry timer thread", [&] { gate.open(); });
+    Access::retryManager(*subject).stopRetry();
+    ASSERT_TRUE(subject.journal->waitFor("Retry stopped for FIRST"));
+    EXPECT_EQ(subject.journal->count("Retry thread finished successfully"), 1U);
+    EXPECT_EQ(subject.journal->lines().size(), 3U);
+    EXPECT_LE(time.slept, 101);
+    subject.journal->clear();
+
+    Access::retryManager(*subject).stopRetry();
+    EXPECT_TRUE(subject.journal->lines().empty()) << "a stop of what does not run says nothing";
+}
+
+TEST_F(RetryManager, AStopDoesNotWaitForeverForAnOperationThatHangs) {
+    Gate gate;
+    Access::retryManager(*subject).startRetry([&] { return gate.pass(), -1; }, "HANGING");
+    ASSERT_TRUE(gate.awaitArrival());
+    subject.journal->clear();
+    time.waitsExpireAtOnce = true;
+    Access::retryManager(*subject).stopRetry();
+    subject.expectJournal({debug("Stopping retry timer thread"), warn("Retry thread didn't finish within timeout")},
+                          {});
+    gate.open();
+    EXPECT_TRUE(subject.journal->waitFor("Retry stopped for HANGING"));
+}
+
+TEST_F(RetryManager, AThreadThatCannotBeHadLeavesItReadyForTheNextStart) {
+    {
+        const ThreadShortage shortage;
+        EXPECT_FALSE(Access::retryManager(*subject).startRetry([] { return 0; }, "OPERATION"));
+    }
+    EXPECT_FALSE(Access::retryManager(*subject).isActive());
+    EXPECT_EQ(subject.journal->lines().back().level, 'E');
+    retry(0, "OPERATION");
+    EXPECT_TRUE(subject.journal->waitFor("Retry stopped for OPERATION"));
+}
+
+/// In a child process. Prints the metrics of the connectors at its end.
+class FiveMinutes : public ConnectorTest {
+protected:
+    void failToStart(std::size_t servers) {
+        platform.failAlways(Operation::Start, -98);
+        static std::vector<std::shared_ptr<Journal>> journals;
+        std::atexit([] {
+            for (const auto& journal : journals) {
+                for (const auto& metric : journal->metrics()) std::fprintf(stderr, "%s;", metric.c_str());
+            }
+        });
+        for (std::size_t i = 0; i < servers; ++i) {
+            const Subject server = make(Role::Server);
+            journals.push_back(server.journal);
+            server->initialize();
+        }
+        for (const auto& journal : journals) journal->waitFor("this line never comes");
+    }
+};
+
+TEST_F(FiveMinutes, OfFailureToStartAServerEndTheProcess) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(failToStart(1), ::testing::ExitedWithCode(1),
+                "ServerInitFailure;ServerInitFatalFailure OperationName=\"NIPC_SERVER_INIT\" RetryAttempts=66 "
+                "TotalDurationMs=301300;$");
+}
+
+TEST_F(FiveMinutes, OfTwoServersEndItOnce) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(failToStart(2), ::testing::ExitedWithCode(1), "ServerInitFatalFailure");
+}
+
+}  // namespace
+}  // namespace nipctest

@@ -1,0 +1,149 @@
+#include <cstdlib>
+#include <stdexcept>
+#include <thread>
+
+#include "ConnectorTest.h"
+
+namespace nipctest {
+namespace {
+
+using smarthome::AsyncResponseCallback;
+
+/// What the application hands in: functions that throw, are empty, or call back when they are destroyed.
+class UserCode : public ConnectorTest {
+protected:
+    static std::size_t errors(const Subject& subject) {
+        std::size_t found = 0;
+        for (const auto& line : subject.journal->lines()) found += line.level == 'E' ? 1 : 0;
+        return found;
+    }
+};
+
+TEST_F(UserCode, ThatThrowsOrIsEmptyIsContained) {
+    const auto boom = [](const auto&...) -> void { throw std::runtime_error("boom"); };
+    const auto boomSync = [](const char*, unsigned int) -> std::vector<char> { throw 5; };
+    for (const bool empty : {false, true}) {
+        SCOPED_TRACE(empty ? "empty" : "throwing");
+        const Subject client = connectedClient();
+        client->subscribeForEvent("", "event", empty ? smarthome::EventHandler() : boom);
+        client->setRecurringCallback(empty ? AsyncResponseCallback() : boom);
+        client->makeAsyncRequest("", "name", "", 0, empty ? AsyncResponseCallback() : boom);
+        platform.deliverCallback(computeFunctionId("event"), "");
+        EXPECT_EQ(errors(client), 1U);
+        EXPECT_EQ(client.journal->count("Handled event"), 1U);
+        platform.deliverCallback(ASYNC_RESPONSE_SUCCESS_ID, "", 2);
+        EXPECT_EQ(errors(client), 2U);
+        EXPECT_EQ(client.journal->count("Executed callback with id 2, functionId 1002"), 1U);
+        platform.deliverCallback(ASYNC_RESPONSE_SUCCESS_ID, "", 1);
+        EXPECT_EQ(client.journal->count("Executed callback with id 1, functionId 1002"), empty ? 0U : 1U);
+
+        const Subject server = startedServer();
+        server->registerSyncRequestHandler("get", empty ? smarthome::SyncRequestHandler() : boomSync);
+        server->registerAsyncRequestHandler("set", empty ? smarthome::AsyncRequestHandler() : boom);
+        EXPECT_EQ(platform.deliverRequest(SYNC_FUNCTION, computeFunctionId("get"), "", 5).status, -1);
+        EXPECT_EQ(server.journal->count("Failed to find sync handler for request type get"), 1U);
+        EXPECT_EQ(errors(server), 2U);
+        EXPECT_EQ(platform.deliverRequest(ASYNC_FUNCTION, computeFunctionId("set"), "", 5).status, -1);
+        EXPECT_EQ(server.journal->count("Failed to handle async request"), 1U);
+    }
+}
+
+TEST_F(UserCode, ThatIsDestroyedMayCallTheConnector) {
+    struct Goodbye {
+        std::function<void()> say;
+        ~Goodbye() { say(); }
+    };
+    const Subject subject = connectedClient();
+    NIPCConnector& connector = *subject;
+    const auto goodbye = [&] {
+        auto farewell = std::make_shared<Goodbye>();
+        farewell->say = [&] {
+            connector.registerSyncRequestHandler("other", nullptr);
+            connector.subscribeForEvent("", "other", nullptr);
+            connector.setRecurringCallback(nullptr);
+        };
+        return [farewell](const auto&...) {};
+    };
+    const auto goodbyeSync = [&] {
+        return [call = goodbye()](const char*, unsigned int) { return std::vector<char>(); };
+    };
+    connector.registerSyncRequestHandler("sync", goodbyeSync());
+    connector.registerSyncRequestHandler("sync", goodbyeSync());
+    connector.unregisterSyncRequestHandler("sync");
+    connector.registerAsyncRequestHandler("async", goodbye());
+    connector.registerAsyncRequestHandler("async", goodbye());
+    connector.unregisterAsyncRequestHandler("async");
+    connector.subscribeForEvent("", "event", goodbye());
+    connector.subscribeForEvent("", "event", goodbye());
+    connector.unsubscribeForEvent("", "event");
+    connector.setRecurringCallback(goodbye());
+    connector.setRecurringCallback(goodbye());
+    connector.setRecurringCallback(nullptr);
+    platform.failNext(Operation::RpcAsync, -5);
+    connector.makeAsyncRequest("", "name", "", 0, goodbye());
+    connector.makeAsyncRequest("", "name", "", 0, goodbye());
+    platform.deliverCallback(ASYNC_RESPONSE_SUCCESS_ID, "", 3);
+    EXPECT_EQ(subject.journal->count("Registering sync request handler for request type other"), 10U);
+}
+
+TEST_F(UserCode, ALoggerAndARecorderThatThrowDoNotStopTheWorker) {
+    struct Thrower : nipcconnector::ILogger, nipcconnector::IMetricsRecorder {
+        void info(const char*, ...) override { complain(); }
+        void debug(const char*, ...) override { complain(); }
+        void error(const char*, ...) override { complain(); }
+        void warn(const char*, ...) override { complain(); }
+        void record(const std::string&, const std::vector<smarthome::TalvoraDimension>&) override { complain(); }
+        void complain() const {
+            if (std::this_thread::get_id() != quiet) throw std::runtime_error("disk full");
+        }
+        std::thread::id quiet = std::this_thread::get_id();
+    };
+    platform.failNext(Operation::Start, -98, 3);
+    NIPCConnector server(false, "bare", {"service", 7}, std::make_unique<Thrower>(), std::make_unique<Thrower>());
+    EXPECT_TRUE(server.initialize());
+    ASSERT_TRUE(platform.waitForCalls(Operation::Start, 4));
+    for (auto& retry = Access::retryManager(server); retry.isActive();) std::this_thread::yield();
+    EXPECT_TRUE(Access::isConnected(server));
+}
+
+/// The end of the process, in a child.
+class ProcessEnd : public ConnectorTest {
+protected:
+    ProcessEnd() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+
+    /// A server whose handler holds it.
+    Subject selfHoldingServer() {
+        const Subject server = startedServer();
+        server->registerSyncRequestHandler("exit", [connector = server.connector](const char*, unsigned int) {
+            std::exit(connector->publishEvent("bye") ? 0 : 4);
+            return std::vector<char>();
+        });
+        return server;
+    }
+};
+
+TEST_F(ProcessEnd, LeavesARegistryThatGivesNothing) {
+    const auto end = [this] {
+        static NIPCConnector* held = nullptr;
+        std::atexit([] {  // Runs after the registry's end.
+            const auto late = NIPCConnector::getInstance(true, "late", {"service", 7}, nullptr, nullptr);
+            std::_Exit(late == nullptr && !held->publishEvent("late") ? 0 : 3);
+        });
+        static std::shared_ptr<NIPCConnector> kept;
+        kept = selfHoldingServer().connector;
+        held = new std::shared_ptr<NIPCConnector>(kept) ? kept.get() : nullptr;
+        std::exit(5);
+    };
+    EXPECT_EXIT(end(), ::testing::ExitedWithCode(0), "");
+}
+
+TEST_F(ProcessEnd, MayComeFromAHandlerThatHoldsItsConnector) {
+    const auto end = [this] {
+        selfHoldingServer();
+        std::thread([this] { platform.deliverRequest(SYNC_FUNCTION, computeFunctionId("exit"), "", 5); }).join();
+    };
+    EXPECT_EXIT(end(), ::testing::ExitedWithCode(0), "");
+}
+
+}  // namespace
+}  // namespace nipctest
