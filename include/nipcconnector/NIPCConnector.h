@@ -121,7 +121,10 @@ private:
         friend struct ConnectorTestAccess;
         struct Run;
 
+        void startWorker();
         void retryWorkerThread();
+        template <typename Function>
+        void guarded(Function&& function);
         bool retryUntilDone(Run& run);
         void loadOperation(Run& run);
         bool goesRoundAgain(bool succeeded);
@@ -163,6 +166,8 @@ private:
     bool hasValidConfig() const;
 
     // Client side.
+    bool isHandlePending() const;
+    void awaitHandle();
     bool takeConnection(bool isAsync, std::int32_t& handle);
     void countAsyncRequestFailure(const std::string& requestName, const char* reason, unsigned int length);
     void countSyncRequestFailure(const char* reason);

@@ -11,7 +11,7 @@ int NIPCConnector::clientListener(nexNipc_parameter_t* param) {
     if (param == nullptr || param->userContext == nullptr) return -1;
     const ConnectorGate::Pin connector(param->userContext);
     if (!connector) return -1;
-    callUserCode(connector->logger.get(), "Client listener", [&] { connector->dispatchToClient(*param); });
+    callGuarded(connector->logger.get(), "Client listener", [&] { connector->dispatchToClient(*param); });
     return 0;
 }
 
@@ -90,8 +90,8 @@ bool NIPCConnector::handleFunctionCallback(std::uint16_t functionId, const char*
     if (context != nullptr) {
         const auto id = static_cast<std::uint64_t>(reinterpret_cast<std::uintptr_t>(context));
         const bool success = functionId == ASYNC_RESPONSE_SUCCESS_ID;
-        callUserCode(logger.get(), "Async response callback",
-                     [&] { found = manager->executeCallback(id, success, data, length); });
+        callGuarded(logger.get(), "Async response callback",
+                    [&] { found = manager->executeCallback(id, success, data, length); });
         if (found) {
             NIPC_LOG(logger, debug, "Executed callback with id %llu, functionId %d",
                      static_cast<unsigned long long>(id), static_cast<int>(functionId));
@@ -103,7 +103,7 @@ bool NIPCConnector::handleFunctionCallback(std::uint16_t functionId, const char*
     }
     NIPC_LOG(logger, debug, "Proactive event");
     const std::string eventType = manager->getRequestName(functionId);
-    callUserCode(logger.get(), "Event handler", [&] { found = manager->handleEvent(eventType, data, length); });
+    callGuarded(logger.get(), "Event handler", [&] { found = manager->handleEvent(eventType, data, length); });
     if (found) {
         NIPC_LOG(logger, debug, "Handled event");
     } else {

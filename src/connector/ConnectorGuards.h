@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <mutex>
 
@@ -18,6 +19,7 @@ struct ConnectorGuards {
     /// Connect attempts that are between their beginning and their end. Guarded by `connectionMutex`, as
     /// is the next one.
     int attempts = 0;
+    std::condition_variable attemptEnded;
 
     /// The listener was told of a failure or a loss since the attempt began: what the attempt has yielded
     /// is dead.

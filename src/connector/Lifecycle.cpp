@@ -58,6 +58,7 @@ std::int32_t NIPCConnector::connectToService() {
     {
         const std::lock_guard<std::mutex> lock(connectionMutex);
         --guards->attempts;
+        guards->attemptEnded.notify_all();
         lost = guards->lost;
         const bool connectedByOther = isConnected && nipcHandle != -1;
         if (status == 0 && !lost && !connectedByOther) {

@@ -44,9 +44,10 @@ private:
     const char* text = "";
 };
 
-/// Calls into the application, whose exceptions end here with one error line. False when it threw.
+/// Calls the application, or what runs where nobody could catch: exceptions end here, with one error line.
+/// False when it threw.
 template <typename Function>
-bool callUserCode(ILogger* logger, const char* what, Function&& function) noexcept {
+bool callGuarded(ILogger* logger, const char* what, Function&& function) noexcept {
     try {
         std::forward<Function>(function)();
         return true;

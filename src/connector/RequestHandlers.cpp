@@ -55,7 +55,7 @@ bool NIPCConnector::handleAsyncRequest(const std::string& requestName, const cha
         if (connector) connector->sendAsyncResponse(clientId, success, answer, answerLength, requestContext);
     };
     bool found = false;
-    const bool returned = callUserCode(logger.get(), "Async request handler", [&] {
+    const bool returned = callGuarded(logger.get(), "Async request handler", [&] {
         found = manager->invokeAsyncRequestHandler(requestName, data, length, requestId, std::move(responder));
     });
     if (!returned) return false;

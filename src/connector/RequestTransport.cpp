@@ -3,17 +3,30 @@
 #include "connector/ConnectorGuards.h"
 #include "connector/Limits.h"
 #include "connector/Log.h"
+#include "connector/TimeSource.h"
 #include "metrics/Dimensions.h"
 #include "nex_nipc.h"
 #include "nipcconnector/NIPCConnector.h"
 
 namespace nipcconnector {
 
+// The listener may hear of the success before the attempt has brought the handle home. Under connectionMutex.
+bool NIPCConnector::isHandlePending() const { return isConnected && nipcHandle == -1 && guards->attempts > 0; }
+
+// For the listener, whose acknowledgement would be lost with the handle on its way: that takes no longer than the
+// retry thread's next turn.
+void NIPCConnector::awaitHandle() {
+    const std::uint64_t deadline = timeSource().now() + 500 * NANOSECONDS_PER_MILLISECOND;
+    std::unique_lock<std::mutex> lock(connectionMutex);
+    while (isHandlePending() &&
+           timeSource().waitUntil(guards->attemptEnded, lock, deadline) == std::cv_status::no_timeout) {
+    }
+}
+
 // The handle to send on; or false, after having refused the request and seen to a reconnection.
 bool NIPCConnector::takeConnection(bool isAsync, std::int32_t& handle) {
     std::unique_lock<std::mutex> lock(connectionMutex);
-    // The listener may hear of the success before the attempt has brought the handle home.
-    const bool handlePending = isConnected && nipcHandle == -1 && guards->attempts > 0;
+    const bool handlePending = isHandlePending();
     if (isConnected && !handlePending) {
         handle = nipcHandle;
         return true;

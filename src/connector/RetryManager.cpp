@@ -1,5 +1,4 @@
-#include <system_error>
-#include <utility>
+#include <exception>
 
 #include "connector/ConnectorGate.h"
 #include "connector/Limits.h"
@@ -17,37 +16,30 @@ NIPCConnector::AsyncRetryManager::~AsyncRetryManager() { stopRetry(); }
 bool NIPCConnector::AsyncRetryManager::startRetry(std::function<std::int32_t()> newOperation,
                                                   const std::string& newOperationName) {
     if (!ConnectorGate::isOpen(connector)) return false;  // It is being destroyed.
-    bool refused = false;
-    {
-        const std::lock_guard<std::mutex> lock(mutex);
-        refused = active.exchange(true);
-        startRefused = refused;
-        if (refused) {
-            refusedOperation.swap(newOperation);
-            refusedName = newOperationName;
-        } else {
-            threadFinished = false;
-            operation.swap(newOperation);
-            operationName = newOperationName;
-            attemptCount = 0;
-            startTime = timeSource().now();
-        }
-    }
-    if (refused) {
-        NIPC_LOG(connector->logger, warn, "Retry already in progress for %s", newOperationName.c_str());
-        return true;
-    }
-    NIPC_LOG(connector->logger, debug, "Starting non-blocking retry for %s", newOperationName.c_str());
+    bool starts = false;
     try {
-        const std::lock_guard<std::mutex> lock(mutex);
-        workerThread = std::thread([address = connector, manager = this] {
-            const ConnectorGate::Pin pin(address, ConnectorGate::Visitor::RetryThread);
-            if (pin) manager->retryWorkerThread();
-        });
-        workerThread.detach();
-        return true;
-    } catch (const std::system_error& failure) {
+        std::string newName = newOperationName;
         {
+            const std::lock_guard<std::mutex> lock(mutex);
+            starts = !active.exchange(true);
+            startRefused = !starts;
+            (starts ? operation : refusedOperation).swap(newOperation);
+            (starts ? operationName : refusedName).swap(newName);
+            if (starts) {
+                threadFinished = false;
+                attemptCount = 0;
+                startTime = timeSource().now();
+            }
+        }
+        if (!starts) {
+            NIPC_LOG(connector->logger, warn, "Retry already in progress for %s", newOperationName.c_str());
+            return true;
+        }
+        NIPC_LOG(connector->logger, debug, "Starting non-blocking retry for %s", newOperationName.c_str());
+        startWorker();
+        return true;
+    } catch (const std::exception& failure) {
+        if (starts) {
             const std::lock_guard<std::mutex> lock(mutex);
             active = false;
             threadFinished = true;
@@ -58,6 +50,15 @@ bool NIPCConnector::AsyncRetryManager::startRetry(std::function<std::int32_t()> 
                  failure.what());
         return false;
     }
+}
+
+void NIPCConnector::AsyncRetryManager::startWorker() {
+    const std::lock_guard<std::mutex> lock(mutex);
+    workerThread = std::thread([address = connector, manager = this] {
+        const ConnectorGate::Pin pin(address, ConnectorGate::Visitor::RetryThread);
+        if (pin) manager->retryWorkerThread();
+    });
+    workerThread.detach();
 }
 
 void NIPCConnector::AsyncRetryManager::stopRetry() {

@@ -56,7 +56,10 @@ void NIPCConnector::AsyncRetryManager::retryWorkerThread() {
     Run run;
     bool succeeded = false;
     do {
+        const bool again = succeeded;
         run = Run();
+        guarded([&] { loadOperation(run); });
+        if (again) NIPC_LOG(connector->logger, debug, "Starting non-blocking retry for %s", run.name.c_str());
         succeeded = retryUntilDone(run);
     } while (goesRoundAgain(succeeded));
     NIPC_LOG(connector->logger, debug, "Retry stopped for %s", run.name.c_str());
@@ -65,20 +68,27 @@ void NIPCConnector::AsyncRetryManager::retryWorkerThread() {
 
 // True when the operation succeeded, false when the retry was stopped.
 bool NIPCConnector::AsyncRetryManager::retryUntilDone(Run& run) {
-    loadOperation(run);
     while (active) {
         std::int32_t status = -ENOMEM;
-        callUserCode(connector->logger.get(), "Retry operation", [&] { status = run.operation(); });
+        guarded([&] {
+            loadOperation(run);
+            status = run.operation();
+        });
         if (status == 0) {
-            reportSuccess(run);
+            guarded([&] { reportSuccess(run); });
             return true;
         }
-        reportFailure(run, status);
+        guarded([&] { reportFailure(run, status); });
         pause(run.delay);
         run.delay = nextDelay(run.delay);
-        loadOperation(run);
     }
     return false;
+}
+
+// Nothing may leave the thread, not even a shortage of memory.
+template <typename Function>
+void NIPCConnector::AsyncRetryManager::guarded(Function&& function) {
+    callGuarded(connector->logger.get(), "Retry thread", std::forward<Function>(function));
 }
 
 void NIPCConnector::AsyncRetryManager::loadOperation(Run& run) {
@@ -90,24 +100,19 @@ void NIPCConnector::AsyncRetryManager::loadOperation(Run& run) {
 // The end of the worker, unless a start was refused for its sake. One critical section: a start comes either
 // before it and is found, or after it and gets a worker of its own.
 bool NIPCConnector::AsyncRetryManager::goesRoundAgain(bool succeeded) {
-    std::string name;
-    {
-        const std::lock_guard<std::mutex> lock(mutex);
-        if (!succeeded || !active || !startRefused) {
-            if (succeeded) active = false;
-            threadFinished = true;
-            condition.notify_all();
-            return false;
-        }
+    const std::lock_guard<std::mutex> lock(mutex);
+    if (succeeded && active && startRefused) {
         startRefused = false;
-        operation = std::move(refusedOperation);
-        operationName = refusedName;
+        operation.swap(refusedOperation);
+        operationName.swap(refusedName);
         attemptCount = 0;
         startTime = timeSource().now();
-        name = operationName;
+        return true;
     }
-    NIPC_LOG(connector->logger, debug, "Starting non-blocking retry for %s", name.c_str());
-    return true;
+    if (succeeded) active = false;
+    threadFinished = true;
+    condition.notify_all();
+    return false;
 }
 
 void NIPCConnector::AsyncRetryManager::reportSuccess(const Run& run) {

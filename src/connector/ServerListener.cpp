@@ -21,8 +21,8 @@ int NIPCConnector::serverListener(nexNipc_parameter_t* param) {
     connector->adoptServiceHandle();
     setStatus(*param, 0);
     int result = 0;
-    if (!callUserCode(connector->logger.get(), "Server listener",
-                      [&] { result = connector->dispatchToServer(*param, *manager); })) {
+    if (!callGuarded(connector->logger.get(), "Server listener",
+                     [&] { result = connector->dispatchToServer(*param, *manager); })) {
         setStatus(*param, -1);
     }
     return result;
@@ -62,7 +62,7 @@ int NIPCConnector::dispatchToServer(nexNipc_parameter_t& param, CallbackManager&
 int NIPCConnector::answerSyncRequest(nexNipc_parameter_t& param, CallbackManager& manager) {
     const std::string requestName = manager.getRequestName(param.functionId);
     std::vector<char> response;
-    callUserCode(logger.get(), "Sync request handler", [&] {
+    callGuarded(logger.get(), "Sync request handler", [&] {
         response =
             manager.invokeSyncRequestHandler(requestName, static_cast<const char*>(param.data), payloadLength(param));
     });

@@ -19,7 +19,7 @@ void NIPCConnector::recordMetric(const std::string& metricName,
     all.push_back(stringDimension("ServiceName", name));
     all.push_back(integerDimension("Counter", 1));
     all.insert(all.end(), dimensions.begin(), dimensions.end());
-    callUserCode(logger.get(), "Metrics recorder", [&] { metricsRecorder->record(metricName, all); });
+    callGuarded(logger.get(), "Metrics recorder", [&] { metricsRecorder->record(metricName, all); });
 }
 
 }  // namespace nipcconnector

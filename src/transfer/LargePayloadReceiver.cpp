@@ -76,6 +76,7 @@ bool NIPCConnector::processFd(nexNipc_parameter_t* param) {
 bool NIPCConnector::acknowledgeFd(std::uint16_t peerId, unsigned int length) {
     if (isClient) {
         NIPC_LOG(logger, debug, "Sending async ACK back to server");
+        awaitHandle();
         if (nipcSendAsyncRequest(CLIENT_FD_PROCESSING_COMPLETED_ID, nullptr, 0, nullptr)) return true;
         NIPC_LOG(logger, error, "Failed to send async request to server");
         return failFd("FailedSendingAckToServer", length);
