@@ -90,7 +90,7 @@ struct Kind {
     const char* workload;
     double connectorLimit;  ///< Per message, client and service together.
 };
-constexpr Kind kinds[] = {{"synchronous request", "W1", 0}, {"asynchronous request", "W2", 0}, {"event", "W3", 0}};
+constexpr Kind kinds[] = {{"synchronous request", "W1", 1}, {"asynchronous request", "W2", 2}, {"event", "W3", 1}};
 constexpr long messages = 2000;
 
 template <typename Work>

@@ -26,8 +26,8 @@ SECTIONS = {  # Title, figure, its unit, columns (ratios are to the first), cell
                 [f"--workload W3 --rate 500 --pin {p}" for p in ("split", "same")]),
     "W4": ("Large payloads with acknowledgement", "p50_us", "µs", LARGE,
            [f"--size {s} --clients {c}" for c in (1, 2) for s in (64 * KIB, MIB, 5 * MIB)]),
-    "growth": ("Synchronous round trip as the system grows", "p50_us", "µs", ["connector"],
-               [f"--workload W1 --pin same {o}" for o in ("--idle 1", "--idle 10", "--idle 100", "--idle 500",
+    "growth": ("Synchronous calls as the system grows", "per_s", "/s", ["connector"],
+               [f"{o} --workload W1 --pin same" for o in ("--idle 1", "--idle 10", "--idle 100", "--idle 500",
                                                           "--names 1000", "--services 8", "--callers 100")]),
 }
 FOOTPRINT = ["rss_unconnected_kb", "rss_client_kb", "anon_client_kb", "rss_server_kb", "anon_server_kb",
@@ -76,7 +76,7 @@ def tables(rows, sections):
         for cell in cells:
             values = {c: medians(rows, name, cell, c) for c in columns}
             ours, base = values["connector"], first if name == "growth" else values[columns[0]].get(figure)
-            label = re.sub(r"--(workload W\d|)", "", cell).strip()
+            label = re.sub(r"--(workload W\d|)", "", cell).replace("  ", " ").strip()
             if figure in ours and base:
                 ratio = ours[figure] / base if unit == "µs" else base / ours[figure]
                 ratios.append((f"{name} {label}", ratio))
@@ -107,7 +107,7 @@ def plot(folder, ratios):
         set boxwidth 0.7
         set logscale y 2
         set grid ytics
-        set xtics rotate by -60 noenhanced
+        set xtics rotate by 60 right noenhanced
         plot "ratios.dat" using 0:2:xtic(1) with boxes notitle, 1 with lines linecolor "black" notitle
     """)
 
