@@ -36,7 +36,9 @@ int starved(const std::vector<std::string>& arguments) {
     rlimit usual{};
     getrlimit(RLIMIT_NOFILE, &usual);
     for (std::string order = hearParent(); !order.empty(); order = hearParent()) {
-        const rlimit limit{order == "starve" ? descriptorCount(getpid()) : usual.rlim_cur, usual.rlim_max};
+        const int free = dup(STDIN_FILENO);  // The lowest number that is.
+        close(free);
+        const rlimit limit{order == "starve" ? static_cast<rlim_t>(free) : usual.rlim_cur, usual.rlim_max};
         setrlimit(RLIMIT_NOFILE, &limit);
         say("done");
     }
