@@ -56,7 +56,7 @@ private:
     const std::uint32_t maxSync_;
     ChannelPool channels_;
     AckSequence acks_;
-    std::uint64_t controlSource_ = 0;
+    std::atomic<std::uint64_t> controlSource_{0};
     std::atomic<std::uint32_t> lastCall_{0};
     std::atomic<bool> disconnected_{false};
 };

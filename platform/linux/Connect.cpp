@@ -80,8 +80,6 @@ int handshake(std::uint16_t uuid, PacketSocket socket, Connection& connection) {
     if (length != sizeof(welcome) || header.type != FrameType::Welcome || welcome.magic != kMagic) return -EPROTO;
     if (header.status != 0) return header.status < 0 ? header.status : -EPROTO;
     if (welcome.version != kVersion || !control.valid()) return -EPROTO;
-    socket.setBlocking();
-    socket.setSendLimit(kSendLimitMs);
     connection.main = std::move(socket);
     connection.control = PacketSocket(std::move(control));
     connection.ownProcess = peer.pid == ::getpid();
@@ -95,7 +93,7 @@ int waitAndConnect(std::uint16_t uuid, Clock::time_point deadline, Connection& c
     for (;;) {
         if (const int status = presence.refresh()) return status;
         PacketSocket socket;
-        const int status = dial(uuid, socket);
+        const int status = dial(uuid, kSendLimitMs, socket);
         if (status == 0) return handshake(uuid, std::move(socket), connection);
         if (status != -ECONNREFUSED) return status;
         const bool changed = presence.await(deadline);

@@ -54,16 +54,15 @@ sockaddr_un addressIn(const Fd& directory, const std::string& name) {
 
 const sockaddr* generic(const sockaddr_un& address) { return reinterpret_cast<const sockaddr*>(&address); }
 
-Fd makeSocket() { return Fd(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)); }
-
-int dialIn(const std::string& path, std::uint16_t uuid, PacketSocket& connected) {
+int dialIn(const std::string& path, std::uint16_t uuid, int sendLimitMs, PacketSocket& connected) {
     Fd directory;
     if (const int status = openDirectory(path, directory)) return status;
-    Fd socket = makeSocket();
+    PacketSocket socket(Fd(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)));
     if (!socket.valid()) return -errno;
+    socket.setSendLimit(sendLimitMs);  // which bounds the connecting as well
     const sockaddr_un address = addressIn(directory, socketName(uuid));
-    if (::connect(socket.get(), generic(address), sizeof(address)) != 0) return -errno;
-    connected = PacketSocket(std::move(socket));
+    if (::connect(socket.fd(), generic(address), sizeof(address)) != 0) return errno == EAGAIN ? -ETIMEDOUT : -errno;
+    connected = std::move(socket);
     return 0;
 }
 
@@ -77,9 +76,9 @@ std::vector<std::string> searchedDirectories() {
     return directories;
 }
 
-int dial(std::uint16_t uuid, PacketSocket& connected) {
+int dial(std::uint16_t uuid, int sendLimitMs, PacketSocket& connected) {
     for (const std::string& path : searchedDirectories()) {
-        const int status = dialIn(path, uuid, connected);
+        const int status = dialIn(path, uuid, sendLimitMs, connected);
         const bool absent = status == -ENOENT || status == -ECONNREFUSED;
         if (!absent) return status;
     }
@@ -108,7 +107,7 @@ int Endpoint::lock() {
 
 int Endpoint::bindAndListen() {
     const std::string temporary = std::to_string(uuid_) + ".new";
-    listener_ = makeSocket();
+    listener_.reset(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!listener_.valid()) return -errno;
     const sockaddr_un address = addressIn(directory_, temporary);
     ::unlinkat(directory_.get(), temporary.c_str(), 0);

@@ -15,8 +15,9 @@ std::string socketName(std::uint16_t uuid);
 // Where a client looks for services, in this order.
 std::vector<std::string> searchedDirectories();
 
-// Connects to a service. -ECONNREFUSED says that nobody offers it; the socket is non-blocking.
-int dial(std::uint16_t uuid, PacketSocket& connected);
+// Connects to a service. -ECONNREFUSED says that nobody offers it; -ETIMEDOUT, that
+// too many others are before us in its queue. `sendLimitMs` stays in force for the socket.
+int dial(std::uint16_t uuid, int sendLimitMs, PacketSocket& connected);
 
 // A service's place in the directory: its lock, which says that somebody lives here, and its socket.
 class Endpoint {

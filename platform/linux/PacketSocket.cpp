@@ -1,6 +1,5 @@
 #include "PacketSocket.h"
 
-#include <fcntl.h>
 #include <sys/time.h>
 
 #include <cerrno>
@@ -99,8 +98,6 @@ void PacketSocket::setReceiveLimit(std::int64_t milliseconds) const {
     const timeval limit = toTimeval(milliseconds);
     ::setsockopt(fd_.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
 }
-
-void PacketSocket::setBlocking() const { ::fcntl(fd_.get(), F_SETFL, ::fcntl(fd_.get(), F_GETFL) & ~O_NONBLOCK); }
 
 PacketBatch::PacketBatch() : messages_(), payloads_(new char[std::size_t{kCount} * kInlineLimit]) {
     for (unsigned i = 0; i < kCount; ++i) {

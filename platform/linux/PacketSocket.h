@@ -33,7 +33,6 @@ public:
     void shutdown() const;
     void setSendLimit(int milliseconds) const;
     void setReceiveLimit(std::int64_t milliseconds) const;
-    void setBlocking() const;
     int fd() const { return fd_.get(); }
     bool valid() const { return fd_.valid(); }
 

@@ -93,11 +93,12 @@ bool Presence::Wait::await(std::chrono::steady_clock::time_point deadline) {
 int Presence::start() {
     std::lock_guard<std::mutex> lock(mutex_);
     if (inotify_.valid()) return 0;
-    Fd inotify(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
-    if (!inotify.valid()) return -errno;
-    if (lane_.add(inotify.get(), EPOLLIN, shared_from_this()) == 0) return -errno;
-    inotify_ = std::move(inotify);
-    return 0;
+    inotify_.reset(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+    if (!inotify_.valid()) return -errno;
+    if (lane_.add(inotify_.get(), EPOLLIN, shared_from_this()) != 0) return 0;
+    const int status = -errno;
+    inotify_.reset();
+    return status;
 }
 
 int Presence::addWatch(int directory) {
@@ -116,6 +117,7 @@ void Presence::dropWatch(int watch) {
 }
 
 void Presence::onReady(std::uint32_t, PacketBatch&) {
+    std::lock_guard<std::mutex> lock(mutex_);
     alignas(inotify_event) char buffer[4096];
     const ssize_t length = ::read(inotify_.get(), buffer, sizeof(buffer));
     for (ssize_t at = 0; at < length;) {
@@ -129,7 +131,6 @@ void Presence::onReady(std::uint32_t, PacketBatch&) {
 
 // Without a name it is the directory itself that changed; with watch -1, events were lost.
 void Presence::notify(int watch, const char* name) {
-    std::lock_guard<std::mutex> lock(mutex_);
     bool any = false;
     for (Wait* wait : waiting_) {
         const bool concerned =
