@@ -70,7 +70,7 @@ TEST_F(ClientListener, SortsMessagesByTypeAndIdentifier) {
 TEST_F(ClientListener, RunsACallbackOnceWhateverTheAnswer) {
     const Subject client = connectedClient();
     int runs = 0;
-    for (const std::uintptr_t id : {2, 3}) {  // The first ids of a connector.
+    for (const std::uintptr_t id : {2U, 3U}) {  // The first ids of a connector.
         ASSERT_EQ(client->makeAsyncRequest("", "name", "", 0,
                                            [&](bool success, const char*, unsigned int) {
                                                ++runs;
