@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <future>
+#include <thread>
 
 #include "Endpoint.h"
 #include "Process.h"
@@ -27,3 +29,14 @@ private:
     std::promise<void> promise_;
     const std::shared_future<void> future_{promise_.get_future()};
 };
+
+/// Polls until `condition` holds; what the kernel shows of a process sends no event.
+template <class Condition>
+bool eventually(Condition condition) {
+    const auto deadline = std::chrono::steady_clock::now() + nipctest::kPatience;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return true;
+}
