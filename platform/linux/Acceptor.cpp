@@ -29,11 +29,15 @@ void refuse(const PacketSocket& socket, int status) {
 }  // namespace
 
 int Acceptor::open() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (closed_) return -ECANCELED;
     source_ = lane_.add(listener_.fd(), EPOLLIN, shared_from_this());
     return source_ != 0 ? 0 : -errno;
 }
 
 void Acceptor::close() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    closed_ = true;
     lane_.remove(source_);
     listener_.shutdown();
 }

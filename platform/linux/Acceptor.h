@@ -2,6 +2,7 @@
 
 #include <list>
 #include <memory>
+#include <mutex>
 
 #include "Lane.h"
 #include "PacketSocket.h"
@@ -34,7 +35,9 @@ private:
     Lane& lane_;
     const PacketSocket listener_;
     const std::weak_ptr<Service> service_;
+    std::mutex mutex_;  // of the two below; taken before the lane's
     std::uint64_t source_ = 0;
+    bool closed_ = false;
     std::list<std::shared_ptr<HalfOpen>> halfOpen_;  // the oldest first
 };
 

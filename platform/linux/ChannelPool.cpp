@@ -16,7 +16,10 @@ ChannelPool::ChannelPool(const PacketSocket& control, std::int64_t timeoutMs)
 int ChannelPool::take(Channel*& channel) {
     std::unique_lock<std::mutex> lock(mutex_);
     if (free_.empty() && !shut_) {
-        if (const int status = waitForOne(lock)) return status;
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs_);
+        while (free_.empty() && !shut_) {
+            if (const int status = waitForOne(lock, deadline)) return status;
+        }
     }
     if (shut_) return -ECONNRESET;
     channel = free_.back();
@@ -24,7 +27,7 @@ int ChannelPool::take(Channel*& channel) {
     return 0;
 }
 
-int ChannelPool::waitForOne(std::unique_lock<std::mutex>& lock) {
+int ChannelPool::waitForOne(std::unique_lock<std::mutex>& lock, std::chrono::steady_clock::time_point deadline) {
     // The lane itself would have to receive the channel.
     if (Lane::isCurrentThread()) return -EDEADLK;
     if (channels_.size() + opening_ < kChannelsPerClient && opening_ <= waiting_) {
@@ -32,17 +35,19 @@ int ChannelPool::waitForOne(std::unique_lock<std::mutex>& lock) {
         if (status != 0 && channels_.empty()) return status;
         if (status == 0) ++opening_;
     }
-    ++waiting_;
+    const unsigned refusals = refusals_;
     const auto ready = [this] { return shut_ || !free_.empty() || (channels_.empty() && opening_ == 0); };
     bool inTime = true;
+    ++waiting_;
     if (timeoutMs_ > 0) {
-        inTime = changed_.wait_for(lock, std::chrono::milliseconds(timeoutMs_), ready);
+        inTime = changed_.wait_until(lock, deadline, ready);
     } else {
         changed_.wait(lock, ready);
     }
     --waiting_;
     if (!inTime) return -ETIMEDOUT;
-    return shut_ || !free_.empty() ? 0 : refusal_;
+    const bool refused = refusals_ != refusals && channels_.empty() && !shut_;
+    return refused ? lastRefusal_ : 0;
 }
 
 void ChannelPool::giveBack(Channel* channel, bool clean) {
@@ -64,7 +69,8 @@ bool ChannelPool::opened(std::uint32_t slot, int status, PacketSocket socket) {
     if (opening_ == 0 || (status == 0) != socket.valid() || status > 0) return false;
     --opening_;
     if (status != 0) {
-        refusal_ = status;
+        lastRefusal_ = status;
+        ++refusals_;
     } else {
         if (timeoutMs_ > 0) socket.setReceiveLimit(timeoutMs_);
         channels_.push_back(std::make_unique<Channel>(Channel{std::move(socket), slot}));

@@ -32,7 +32,7 @@ public:
     void shut();
 
 private:
-    int waitForOne(std::unique_lock<std::mutex>& lock);
+    int waitForOne(std::unique_lock<std::mutex>& lock, std::chrono::steady_clock::time_point deadline);
     int send(FrameType type, std::uint32_t slot) const;
 
     const PacketSocket& control_;
@@ -43,7 +43,8 @@ private:
     std::vector<Channel*> free_;
     unsigned opening_ = 0;
     unsigned waiting_ = 0;
-    int refusal_ = 0;  // the service's last
+    unsigned refusals_ = 0;
+    int lastRefusal_ = 0;
     bool shut_ = false;
 };
 

@@ -61,7 +61,9 @@ int dialIn(const std::string& path, std::uint16_t uuid, int sendLimitMs, PacketS
     if (!socket.valid()) return -errno;
     socket.setSendLimit(sendLimitMs);  // which bounds the connecting as well
     const sockaddr_un address = addressIn(directory, socketName(uuid));
-    if (::connect(socket.fd(), generic(address), sizeof(address)) != 0) return errno == EAGAIN ? -ETIMEDOUT : -errno;
+    while (::connect(socket.fd(), generic(address), sizeof(address)) != 0) {
+        if (errno != EINTR) return errno == EAGAIN ? -ETIMEDOUT : -errno;
+    }
     connected = std::move(socket);
     return 0;
 }
@@ -79,7 +81,9 @@ std::vector<std::string> searchedDirectories() {
 int dial(std::uint16_t uuid, int sendLimitMs, PacketSocket& connected) {
     for (const std::string& path : searchedDirectories()) {
         const int status = dialIn(path, uuid, sendLimitMs, connected);
-        const bool absent = status == -ENOENT || status == -ECONNREFUSED;
+        bool absent = status == -ENOENT || status == -ECONNREFUSED;
+        // What root keeps to itself is not there for others.
+        if (path != ownDirectory()) absent = absent || status == -EACCES || status == -EPERM;
         if (!absent) return status;
     }
     return -ECONNREFUSED;

@@ -31,6 +31,7 @@ int Lane::start() {
     if (started_) return 0;
     if (!epoll_.valid()) epoll_.reset(::epoll_create1(EPOLL_CLOEXEC));
     if (!epoll_.valid()) return -errno;
+    if (!scratch_) scratch_ = std::make_unique<PacketBatch>();
     const int status = startThread("nipc-lane", [this] { run(); });
     started_ = status == 0;
     return status;
@@ -115,14 +116,13 @@ void Lane::runDeadlines(Clock::time_point now) {
 
 void Lane::run() {
     onLane = true;
-    PacketBatch scratch;
     std::array<epoll_event, 32> events{};
     for (;;) {
         const int count = ::epoll_wait(epoll_.get(), events.data(), static_cast<int>(events.size()), nextTimeout());
         for (int i = 0; i < count; ++i) {
             const epoll_event& event = events[static_cast<std::size_t>(i)];
             const std::shared_ptr<LaneSource> source = find(event.data.u64);
-            if (source) guarded(source, [&] { source->onReady(event.events, scratch); });
+            if (source) guarded(source, [&] { source->onReady(event.events, *scratch_); });
         }
         runDeadlines(Clock::now());
     }

@@ -83,6 +83,7 @@ private:
     std::mutex mutex_;
     bool started_ = false;
     Fd epoll_;
+    std::unique_ptr<PacketBatch> scratch_;
     std::uint64_t lastId_ = 0;
     std::unordered_map<std::uint64_t, Entry> entries_;
     std::set<std::pair<Clock::time_point, std::uint64_t>> deadlines_;

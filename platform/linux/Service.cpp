@@ -36,12 +36,14 @@ int Service::start(std::int32_t* handle, const ServerStartRecord& record) {
     if (const int status = process.start()) return status;
     const auto service = std::make_shared<Service>(process.nextHandle(), record);
     if (const int status = service->open()) return status;
+    const std::shared_ptr<Acceptor> acceptor = service->acceptor_;
+    const auto delivery = std::make_shared<ServiceDelivery>(service);
     if (!process.services.add(service->handle, service)) return -ECANCELED;
     const std::int32_t before = *handle;
     *handle = service->handle;
     const std::string name = "nipc-svc-" + std::to_string(service->uuid);
-    int status = startThread(name.c_str(), [service] { ServiceDelivery(*service).run(); });
-    if (status == 0) status = service->acceptor_->open();
+    int status = startThread(name.c_str(), [delivery] { delivery->run(); });
+    if (status == 0) status = acceptor->open();
     if (status == 0) return 0;
     *handle = before;
     process.services.remove(service->handle);
@@ -69,14 +71,10 @@ void Service::withdraw() {
 }
 
 void Service::dropSessions() {
-    std::unordered_map<std::uint16_t, std::shared_ptr<Session>> sessions;
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        stopped_ = true;
-        sessions = sessions_;
-    }
+    std::lock_guard<std::mutex> lock(mutex_);
+    stopped_ = true;
     wake();
-    for (const auto& entry : sessions) entry.second->shutdown();
+    for (const auto& entry : sessions_) entry.second->shutdown();
 }
 
 void Service::stop() {

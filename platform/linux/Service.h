@@ -73,7 +73,7 @@ private:
     Fd wakeup_;
     std::atomic<bool> stopped_{false};
 
-    std::mutex mutex_;
+    std::mutex mutex_;  // taken before those of sessions
     std::unordered_map<std::uint16_t, std::shared_ptr<Session>> sessions_;
     std::map<pid_t, PeerUse> peers_;
     std::vector<std::shared_ptr<Session>> arrived_;  // for the delivery thread

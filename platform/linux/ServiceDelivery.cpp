@@ -59,12 +59,15 @@ void ServiceDelivery::loop() {
 void ServiceDelivery::finish() {
     service_.dropSessions();
     active_.clear();
-    std::unordered_map<std::uint16_t, SessionPtr> remaining;
-    {
-        std::lock_guard<std::mutex> lock(service_.mutex_);
-        remaining = service_.sessions_;
+    for (;;) {
+        SessionPtr remaining;
+        {
+            std::lock_guard<std::mutex> lock(service_.mutex_);
+            if (service_.sessions_.empty()) return;
+            remaining = service_.sessions_.begin()->second;
+        }
+        service_.forget(*remaining);
     }
-    for (const auto& entry : remaining) service_.forget(*entry.second);
 }
 
 void ServiceDelivery::takeInbox() {

@@ -13,7 +13,7 @@ namespace nexnipc {
 // The delivery thread of a service: takes what its clients send, calls the listener, answers.
 class ServiceDelivery {
 public:
-    explicit ServiceDelivery(Service& service) : service_(service) {}
+    explicit ServiceDelivery(std::shared_ptr<Service> service) : pinned_(std::move(service)), service_(*pinned_) {}
     void run();
 
 private:
@@ -33,6 +33,7 @@ private:
     bool watch(const Session& session, int operation, std::uint32_t events) const;
     void finish();
 
+    const std::shared_ptr<Service> pinned_;
     Service& service_;
     Fd epoll_;
     PacketBatch batch_;
