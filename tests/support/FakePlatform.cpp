@@ -64,7 +64,7 @@ void FakePlatform::reset() {
     scripts = {};
     endpoints.clear();
     syncAnswer = {};
-    acknowledging = mappable = true;
+    acknowledgesShares = regionsCanBeMapped = true;
 }
 
 void FakePlatform::failNext(Operation operation, nex_status_t status, int times) {
@@ -85,16 +85,6 @@ void FakePlatform::onCall(Operation operation, std::function<void(const Call&)> 
 void FakePlatform::answerSyncWith(SyncAnswer answer) {
     const std::lock_guard<std::mutex> lock(mutex);
     syncAnswer = std::move(answer);
-}
-
-void FakePlatform::acknowledgeShares(bool acknowledge) {
-    const std::lock_guard<std::mutex> lock(mutex);
-    acknowledging = acknowledge;
-}
-
-void FakePlatform::makeMappableRegions(bool isMappable) {
-    const std::lock_guard<std::mutex> lock(mutex);
-    mappable = isMappable;
 }
 
 std::vector<Call> FakePlatform::calls(Operation operation) const {
@@ -157,33 +147,17 @@ Delivered FakePlatform::deliver(const Message& message) {
 }
 
 Delivered FakePlatform::deliverEvent(std::uint16_t eventId, std::uint16_t peerId, std::int32_t status) {
-    Message message;
-    message.type = EVENT;
-    message.eventId = eventId;
-    message.peerId = peerId;
-    message.status = status;
-    return deliver(message);
+    return deliver({EVENT, peerId, 0, eventId, {}, 0, status});
 }
 
 Delivered FakePlatform::deliverCallback(std::uint16_t functionId, const std::string& payload,
                                         std::uintptr_t requestContext) {
-    Message message;
-    message.functionId = functionId;
-    message.payload = payload;
-    message.requestContext = requestContext;
-    return deliver(message);
+    return deliver({CALLBACK, 0, functionId, 0, payload, requestContext});
 }
 
 Delivered FakePlatform::deliverRequest(NipcMessageType type, std::uint16_t functionId, const std::string& payload,
                                        std::uint16_t clientId, std::uintptr_t requestContext) {
-    Message message;
-    message.type = type;
-    message.peerId = clientId;
-    message.functionId = functionId;
-    message.payload = payload;
-    message.requestContext = requestContext;
-    message.status = -1;
-    return deliver(message);
+    return deliver({static_cast<std::uint32_t>(type), clientId, functionId, 0, payload, requestContext, -1});
 }
 
 Delivered FakePlatform::deliverShare(const SharedMessage& message) {
@@ -221,9 +195,9 @@ Delivered FakePlatform::deliverAcknowledgement(std::uint16_t clientId, std::int3
     Message message;
     message.handle = handle;
     message.peerId = clientId;
-    message.type = target && target->isServer ? ASYNC_FUNCTION : CALLBACK;
-    message.functionId =
-        target && target->isServer ? CLIENT_FD_PROCESSING_COMPLETED_ID : SERVER_FD_PROCESSING_COMPLETED_ID;
+    const bool toServer = target && target->isServer;
+    message.type = toServer ? ASYNC_FUNCTION : CALLBACK;
+    message.functionId = toServer ? CLIENT_FD_PROCESSING_COMPLETED_ID : SERVER_FD_PROCESSING_COMPLETED_ID;
     return deliver(message);
 }
 
@@ -261,10 +235,7 @@ nex_status_t FakePlatform::share(Operation operation, std::int32_t handle, std::
     call.payload = readDescriptor(message.fds[0], metadata.length);
     const nex_status_t status = perform(std::move(call));
 
-    std::unique_lock<std::mutex> lock(mutex);
-    const bool acknowledge = acknowledging && status == 0;
-    lock.unlock();
-    if (acknowledge) deliverAcknowledgement(clientId, handle);
+    if (acknowledgesShares && status == 0) deliverAcknowledgement(clientId, handle);
     return status;
 }
 
@@ -286,8 +257,7 @@ int FakePlatform::makeRegion(const char* name, std::size_t size) {
     call.record = name != nullptr ? name : "";
     const nex_status_t status = perform(std::move(call));
     if (status != 0) return status;
-    const std::lock_guard<std::mutex> lock(mutex);
-    return mappable ? makeMemory(name, size) : open("/dev/null", O_RDWR | O_CLOEXEC);
+    return regionsCanBeMapped ? makeMemory(name, size) : open("/dev/null", O_RDWR | O_CLOEXEC);
 }
 
 }  // namespace nipctest

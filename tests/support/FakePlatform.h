@@ -1,6 +1,7 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -103,10 +104,8 @@ public:
     /// Runs `hook` inside every call of `operation`, after its handle was written and before it returns.
     void onCall(Operation operation, std::function<void(const Call&)> hook);
     void answerSyncWith(SyncAnswer answer);
-    /// Whether a successful share is acknowledged, from inside the share call.
-    void acknowledgeShares(bool acknowledge);
-    /// Whether regions that are made from now on can be mapped.
-    void makeMappableRegions(bool mappable);
+    std::atomic<bool> acknowledgesShares{true};
+    std::atomic<bool> regionsCanBeMapped{true};
 
     std::vector<Call> calls(Operation operation) const;
     void forgetCalls();
@@ -157,8 +156,6 @@ private:
     std::array<Script, 9> scripts;
     std::vector<Endpoint> endpoints;
     SyncAnswer syncAnswer;
-    bool acknowledging = true;
-    bool mappable = true;
     std::int32_t nextHandle = 100;
 };
 

@@ -1,6 +1,7 @@
 #include "Recording.h"
 
 #include <chrono>
+#include <cstdarg>
 #include <cstdio>
 #include <sstream>
 
@@ -28,21 +29,39 @@ std::string describe(const std::vector<TalvoraDimension>& dimensions) {
     return text.str();
 }
 
+Line makeLine(char level, const char* format, std::va_list arguments) {
+    std::va_list again;
+    va_copy(again, arguments);
+    const int size = std::vsnprintf(nullptr, 0, format, arguments);
+    std::string text(static_cast<std::size_t>(size) + 1, '\0');
+    std::vsnprintf(text.data(), text.size(), format, again);
+    va_end(again);
+    text.pop_back();
+    return {level, format, std::move(text)};
+}
+
+#define NIPCTEST_LINE(line, level)                  \
+    std::va_list arguments;                         \
+    va_start(arguments, format);                    \
+    Line line = makeLine(level, format, arguments); \
+    va_end(arguments)
+#define NIPCTEST_LOG(level)            \
+    {                                  \
+        NIPCTEST_LINE(line, level);    \
+        journal->log(std::move(line)); \
+    }
+#define NIPCTEST_MAKE(level)        \
+    {                               \
+        NIPCTEST_LINE(line, level); \
+        return line;                \
+    }
+
 class RecordingLogger : public nipcconnector::ILogger {
 public:
     explicit RecordingLogger(std::shared_ptr<Journal> target) : journal(std::move(target)) {}
-
-#define NIPCTEST_FORWARD(level)                 \
-    {                                           \
-        std::va_list arguments;                 \
-        va_start(arguments, format);            \
-        journal->log(level, format, arguments); \
-        va_end(arguments);                      \
-    }
-    void info(const char* format, ...) override NIPCTEST_FORWARD('I') void debug(const char* format, ...) override
-        NIPCTEST_FORWARD('D') void error(const char* format, ...) override
-        NIPCTEST_FORWARD('E') void warn(const char* format, ...) override NIPCTEST_FORWARD('W')
-#undef NIPCTEST_FORWARD
+    void info(const char* format, ...) override NIPCTEST_LOG('I') void debug(const char* format, ...) override
+        NIPCTEST_LOG('D') void error(const char* format, ...) override
+        NIPCTEST_LOG('E') void warn(const char* format, ...) override NIPCTEST_LOG('W')
 
             private : std::shared_ptr<Journal> journal;
 };
@@ -60,21 +79,16 @@ private:
 
 }  // namespace
 
-void Journal::log(char level, const char* format, std::va_list arguments) {
-    std::va_list again;
-    va_copy(again, arguments);
-    const int size = std::vsnprintf(nullptr, 0, format, arguments);
-    std::string text(static_cast<std::size_t>(size) + 1, '\0');
-    std::vsnprintf(text.data(), text.size(), format, again);
-    va_end(again);
-    text.pop_back();
+Line info(const char* format, ...) NIPCTEST_MAKE('I') Line debug(const char* format, ...) NIPCTEST_MAKE('D') Line
+    error(const char* format, ...) NIPCTEST_MAKE('E') Line warn(const char* format, ...) NIPCTEST_MAKE('W')
 
+        void Journal::log(Line line) {
     std::unique_lock<std::mutex> lock(mutex);
-    ++counts[text];
-    const auto found = hooks.find(text);
+    ++counts[line.text];
+    const auto found = hooks.find(line.text);
     const auto hook = found != hooks.end() ? found->second : nullptr;
     if (found != hooks.end()) hooks.erase(found);
-    loggedLines.push_back({level, format, std::move(text)});
+    loggedLines.push_back(std::move(line));
     grown.notify_all();
     lock.unlock();
     if (hook) hook();

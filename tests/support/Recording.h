@@ -1,7 +1,6 @@
 #pragma once
 
 #include <condition_variable>
-#include <cstdarg>
 #include <functional>
 #include <map>
 #include <memory>
@@ -28,26 +27,18 @@ inline std::ostream& operator<<(std::ostream& out, const Line& line) {
     return out << line.level << " \"" << line.text << "\" (" << line.format << ")";
 }
 
-/// Expected lines; the text may be left out where the format has no arguments.
-inline Line info(const std::string& format, const std::string& text = {}) {
-    return {'I', format, text.empty() ? format : text};
-}
-inline Line debug(const std::string& format, const std::string& text = {}) {
-    return {'D', format, text.empty() ? format : text};
-}
-inline Line error(const std::string& format, const std::string& text = {}) {
-    return {'E', format, text.empty() ? format : text};
-}
-inline Line warn(const std::string& format, const std::string& text = {}) {
-    return {'W', format, text.empty() ? format : text};
-}
+/// The line that a logger makes of this format and these arguments.
+Line info(const char* format, ...) __attribute__((format(printf, 1, 2)));
+Line debug(const char* format, ...) __attribute__((format(printf, 1, 2)));
+Line error(const char* format, ...) __attribute__((format(printf, 1, 2)));
+Line warn(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 /// What one connector logged and measured, in order.
 class Journal {
 public:
     explicit Journal(std::string connectorName) : name(std::move(connectorName)) {}
 
-    void log(char level, const char* format, std::va_list arguments);
+    void log(Line line);
     /// A metric reads `Name Key="value" Number=1`: the caller's dimensions, after the common ones were checked.
     void record(const std::string& metricName, const std::vector<smarthome::TalvoraDimension>& dimensions);
 

@@ -5,63 +5,37 @@ namespace {
 
 using ClientListener = ConnectorTest;
 
-Line handled(const char* what, int functionId, unsigned long long id) {
-    return {what[0] == 'E' ? 'D' : 'E', std::string(what) + " with id %llu, functionId %d",
-            std::string(what) + " with id " + std::to_string(id) + ", functionId " + std::to_string(functionId)};
+Line notFound(int functionId, unsigned long long id) {
+    return error("Callback not found with id %llu, functionId %d", id, functionId);
 }
 
 TEST_F(ClientListener, SortsMessagesByTypeAndIdentifier) {
     const Subject client = connectedClient();
     const Line callback = debug("Handle callback");
-    const struct {
-        const char* name;
-        std::uint32_t type;
-        std::uint16_t functionId, eventId;
-        std::uintptr_t context;
-        std::vector<Line> lines;
-    } cases[] = {
-        {"sync", SYNC_FUNCTION, 0, 0, 0, {debug("Handle sync function")}},
-        {"async", ASYNC_FUNCTION, 0, 0, 0, {debug("Handle async function")}},
-        {"acknowledgement", CALLBACK, 1001, 0, 0, {callback, debug("Handle server fd processing completed")}},
-        {"answer nobody waits for", CALLBACK, 1002, 0, 9, {callback, handled("Callback not found", 1002, 9)}},
-        {"answer of a recurring request without callback",
-         CALLBACK,
-         1002,
-         0,
-         1,
-         {callback, handled("Callback not found", 1002, 1)}},
-        {"event nobody subscribed",
-         CALLBACK,
-         2000,
-         0,
-         0,
-         {callback, debug("Proactive event"), error("Failed to handle event")}},
-        {"server up",
-         EVENT,
-         0,
-         NEX_NIPC_EVENT_SERVER_UP,
-         0,
-         {debug("SERVER_UP event from UUID: %d", "SERVER_UP event from UUID: 65000")}},
-        {"event not for clients", EVENT, 0, NEX_NIPC_EVENT_CLIENT_CONNECTED, 0, {}},
-        {"broadcast", BROADCAST_EVENT, 0, 0, 0, {debug("Handle broadcast event")}},
-        {"multicast", MULTICAST_EVENT, 0, 0, 0, {debug("Handle multicast event")}},
-        {"invalid", INVALID, 0, 0, 0, {debug("Invalid NIPC callback")}},
-        {"unknown", 7, 0, 0, 0, {warn("unhandled NIPC type: %d", "unhandled NIPC type: 7")}},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
+    const auto expect = [&](std::uint32_t type, int id, std::uintptr_t context, const std::vector<Line>& lines) {
         Message message;
-        message.type = c.type;
+        message.type = type;
         message.peerId = 65000;
-        message.functionId = c.functionId;
-        message.eventId = c.eventId;
-        message.requestContext = c.context;
+        message.functionId = message.eventId = static_cast<std::uint16_t>(id);
+        message.requestContext = context;
         EXPECT_EQ(platform.deliver(message).result, 0);
-        client.expectJournal(c.lines, {});
+        client.expectJournal(lines, {});
         message.nullPointers = true;
         EXPECT_EQ(platform.deliver(message).result, 0);
-        client.expectJournal(c.lines, {});
-    }
+        client.expectJournal(lines, {});
+    };
+    expect(SYNC_FUNCTION, 0, 0, {debug("Handle sync function")});
+    expect(ASYNC_FUNCTION, 0, 0, {debug("Handle async function")});
+    expect(CALLBACK, 1001, 0, {callback, debug("Handle server fd processing completed")});
+    expect(CALLBACK, 1002, 9, {callback, notFound(1002, 9)});
+    expect(CALLBACK, 1002, 1, {callback, notFound(1002, 1)});  // No recurring callback is set.
+    expect(CALLBACK, 2000, 0, {callback, debug("Proactive event"), error("Failed to handle event")});
+    expect(EVENT, NEX_NIPC_EVENT_SERVER_UP, 0, {debug("SERVER_UP event from UUID: %d", 65000)});
+    expect(EVENT, NEX_NIPC_EVENT_CLIENT_CONNECTED, 0, {});
+    expect(BROADCAST_EVENT, 0, 0, {debug("Handle broadcast event")});
+    expect(MULTICAST_EVENT, 0, 0, {debug("Handle multicast event")});
+    expect(INVALID, 0, 0, {debug("Invalid NIPC callback")});
+    expect(7, 0, 0, {warn("unhandled NIPC type: %d", 7)});
     EXPECT_EQ(platform.listener()(nullptr), -1);
     nexNipc_parameter_t nobodys{};
     EXPECT_EQ(platform.listener()(&nobodys), -1);
@@ -81,8 +55,10 @@ TEST_F(ClientListener, RunsACallbackOnceWhateverTheAnswer) {
         const std::uint16_t answer = id == 2 ? ASYNC_RESPONSE_SUCCESS_ID : 1500;
         platform.deliverCallback(answer, "", id);
         platform.deliverCallback(answer, "", id);
-        client.expectJournal({debug("Handle callback"), handled("Executed callback", answer, id),
-                              debug("Handle callback"), handled("Callback not found", answer, id)},
+        client.expectJournal({debug("Handle callback"),
+                              debug("Executed callback with id %llu, functionId %d",
+                                    static_cast<unsigned long long>(id), static_cast<int>(answer)),
+                              debug("Handle callback"), notFound(answer, id)},
                              {});
     }
     EXPECT_EQ(runs, 2);
@@ -94,8 +70,7 @@ TEST_F(ClientListener, DeliversEventsToTheLatestSubscriber) {
     EXPECT_TRUE(client->subscribeForEvent("", "changed", [](const char*, unsigned int) { FAIL() << "was replaced"; }));
     EXPECT_TRUE(client->subscribeForEvent("anybody", "changed",
                                           [&](const char* data, unsigned int length) { seen.assign(data, length); }));
-    const Line registering =
-        info("Registering event handler for eventType=%s", "Registering event handler for eventType=changed");
+    const Line registering = info("Registering event handler for eventType=%s", "changed");
     client.expectJournal({registering, registering}, {});
 
     platform.deliverCallback(computeFunctionId("changed"), "now");
@@ -105,12 +80,10 @@ TEST_F(ClientListener, DeliversEventsToTheLatestSubscriber) {
     EXPECT_TRUE(client->unsubscribeForEvent("", "changed"));
     EXPECT_TRUE(client->unsubscribeForEvent("", "never subscribed"));
     EXPECT_TRUE(client->unsubscribeFromPublisher("anybody"));
-    client.expectJournal(
-        {info("Unregistering event handler for eventType=%s", "Unregistering event handler for eventType=changed"),
-         info("Unregistering event handler for eventType=%s",
-              "Unregistering event handler for eventType=never subscribed"),
-         warn("Unsubscribe from publisher not implemented")},
-        {});
+    client.expectJournal({info("Unregistering event handler for eventType=%s", "changed"),
+                          info("Unregistering event handler for eventType=%s", "never subscribed"),
+                          warn("Unsubscribe from publisher not implemented")},
+                         {});
     platform.deliverCallback(computeFunctionId("changed"), "later");
     EXPECT_EQ(seen, "now");
     EXPECT_EQ(client.journal->count("Failed to handle event"), 1U);
@@ -129,9 +102,7 @@ TEST_F(ClientListener, TheConnectorHearsOfItsConnectionFromThePlatformToo) {
     time.clock += 5'000'000;
     platform.deliverEvent(NEX_NIPC_EVENT_CONNECTION_DONE);
     client.expectJournal(
-        {info("NEX_NIPC_EVENT_CONNECTION_DONE with status: %d", "NEX_NIPC_EVENT_CONNECTION_DONE with status: 0"),
-         info("Successfully connected to server")},
-        {});
+        {info("NEX_NIPC_EVENT_CONNECTION_DONE with status: %d", 0), info("Successfully connected to server")}, {});
     EXPECT_EQ(Access::connectionStartTime(*client), time.now());
 }
 

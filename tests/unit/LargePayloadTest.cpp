@@ -52,49 +52,41 @@ TEST_F(LargePayload, GoesThroughSharedMemoryFromSixteenKilobytesToFiveMegabytes)
 
 TEST_F(LargePayload, SendingFailuresSayWhyAndLeaveNothingBehind) {
     const Subject client = connectedClient();
-    const auto nothing = [] {};
-    const struct {
-        const char* line;
-        const char* reason;
-        std::function<void()> script;
-        const char* data;
-        unsigned int length;
-    } cases[] = {
-        {"invalid input", "InvalidInput", nothing, nullptr, 16384},
-        {"Failed to create shared memory resource", "SharedMemoryCreationFailed", nothing, large.data(), 0},
-        {"Failed to create shared memory resource", "SharedMemoryCreationFailed",
-         [this] { platform.failNext(Operation::AshmemCreateRegion, -12); }, large.data(), 20000},
-        {"Failed to create shared memory resource", "SharedMemoryCreationFailed",
-         [this] { platform.makeMappableRegions(false); }, large.data(), 20000},
-        {"failed to create a share fd msg", "SharedFdMsgCreationFailed", [] { failNothrowNew(1); }, large.data(),
-         20000},
-        {"failed to alloc metadata", "MetadataAllocationFailed", [] { failNothrowNew(2); }, large.data(), 20000},
-        {"failed to alloc a shared fd list", "FdsAllocationFailed", [] { failNothrowNew(3); }, large.data(), 20000},
-        {"Failed to send file descriptor request", "SendingFdViaNipcFailed",
-         [this] { platform.failNext(Operation::ClientShareFd, -32); }, large.data(), 20000},
-        {"Timed out waiting for FD processing ACK from receiver.", "AckTimeout",
-         [this] {
-             platform.acknowledgeShares(false);
-             time.waitsExpireAtOnce = true;
-         },
-         large.data(), 20000},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.reason);
-        c.script();
-        const auto start = time.now();
-        EXPECT_FALSE(Access::sendLargePayload(*client, c.data, c.length));
-        client.expectJournal({error(c.line)}, {std::string("sendLargePayload FailureReason=\"") + c.reason +
-                                               "\" PayloadSize=" + std::to_string(c.length)});
-        EXPECT_EQ(time.now() - start, time.waitsExpireAtOnce ? 3'000'000'000U : 0U);
+    const auto expect = [&](const char* line, const char* reason, const char* data = large.data(),
+                            unsigned int length = 20000) {
+        SCOPED_TRACE(reason);
+        EXPECT_FALSE(Access::sendLargePayload(*client, data, length));
+        client.expectJournal({{'E', line, line}}, {std::string("sendLargePayload FailureReason=\"") + reason +
+                                                   "\" PayloadSize=" + std::to_string(length)});
         EXPECT_EQ(sharedMemoryInUse(), 0U);
-        failNothrowNew(0);
-        platform.makeMappableRegions(true);
-    }
+    };
+    expect("invalid input", "InvalidInput", nullptr, 16384);
+    const char* const noRegion = "Failed to create shared memory resource";
+    expect(noRegion, "SharedMemoryCreationFailed", large.data(), 0);
+    platform.failNext(Operation::AshmemCreateRegion, -12);
+    expect(noRegion, "SharedMemoryCreationFailed");
+    platform.regionsCanBeMapped = false;
+    expect(noRegion, "SharedMemoryCreationFailed");
+    platform.regionsCanBeMapped = true;
+    failNothrowNew(1);
+    expect("failed to create a share fd msg", "SharedFdMsgCreationFailed");
+    failNothrowNew(2);
+    expect("failed to alloc metadata", "MetadataAllocationFailed");
+    failNothrowNew(3);
+    expect("failed to alloc a shared fd list", "FdsAllocationFailed");
+
+    const auto start = time.now();
+    platform.acknowledgesShares = false;
+    platform.failNext(Operation::ClientShareFd, -32);
+    expect("Failed to send file descriptor request", "SendingFdViaNipcFailed");
+    EXPECT_TRUE(Access::fdAckReceived(*client)) << "nobody is to wait for what was not sent";
+    EXPECT_EQ(time.now(), start);
+    time.waitsExpireAtOnce = true;
+    expect("Timed out waiting for FD processing ACK from receiver.", "AckTimeout");
+    EXPECT_EQ(time.now() - start, 3'000'000'000U);
 
     platform.failNext(Operation::ClientShareFd, -32);
     client->makeAsyncRequest("", "name", large.data(), 20000, noCallback);
-    EXPECT_TRUE(Access::fdAckReceived(*client)) << "nobody is to wait for what was not sent";
     const auto lines = client.journal->lines();
     ASSERT_EQ(lines.size(), 6U);
     EXPECT_EQ(lines[2], info("Payload length is greater than the max payload size, sending large payload"));
@@ -113,7 +105,7 @@ TEST_F(LargePayload, SendingFailuresSayWhyAndLeaveNothingBehind) {
 
 TEST_F(LargePayload, TransfersOfOneConnectorDoNotOverlap) {
     const Subject client = connectedClient();
-    platform.acknowledgeShares(false);
+    platform.acknowledgesShares = false;
     const auto send = [&] { return Access::sendLargePayload(*client, large.data(), 20000); };
     auto first = std::async(std::launch::async, send);
     ASSERT_TRUE(platform.waitForCalls(Operation::ClientShareFd, 1));
@@ -141,10 +133,9 @@ TEST_F(LargePayload, ArrivesAcknowledgedAndWhole) {
     EXPECT_TRUE(seen == payload);
     client.expectJournal(
         {debug("Handle callback"), debug("Processing fd"),
-         debug("Received data: %s, length: %zu", "Received data: xxxxxxx, length: 20000"),
+         debug("Received data: %s, length: %zu", "xxxxxxx", std::size_t{20000}),
          debug("Sending async ACK back to server"), debug("Sending async request via NIPC"),
-         debug("Handling function callback"),
-         debug("Executed callback with id %llu, functionId %d", "Executed callback with id 2, functionId 1002")},
+         debug("Handling function callback"), debug("Executed callback with id %llu, functionId %d", 2ULL, 1002)},
         {});
     const Call ack = platform.calls(Operation::RpcAsync).at(1);
     EXPECT_EQ(ack.functionId, CLIENT_FD_PROCESSING_COMPLETED_ID);
@@ -161,14 +152,12 @@ TEST_F(LargePayload, ArrivesAcknowledgedAndWhole) {
         platform.deliverShare({computeFunctionId("put"), payload, 0xFFFFFFFF, 5, {}, {}, false, false, nullptr}).status,
         0);
     EXPECT_TRUE(seen == payload);
-    server.expectJournal(
-        {debug("received async function"), debug("received share fd function"), debug("Processing fd"),
-         debug("Received data: %s, length: %zu", "Received data: xxxxxxx, length: 20000"),
-         debug("Sending ACK event to clientId %d", "Sending ACK event to clientId 5"),
-         debug("Sending %s to clientId %d with payloadSize %zu", "Sending event to clientId 5 with payloadSize 0"),
-         debug("Handling async request"),
-         debug("Handling async request with request name %s", "Handling async request with request name put")},
-        {});
+    server.expectJournal({debug("received async function"), debug("received share fd function"), debug("Processing fd"),
+                          debug("Received data: %s, length: %zu", "xxxxxxx", std::size_t{20000}),
+                          debug("Sending ACK event to clientId %d", 5),
+                          debug("Sending %s to clientId %d with payloadSize %zu", "event", 5, std::size_t{0}),
+                          debug("Handling async request"), debug("Handling async request with request name %s", "put")},
+                         {});
     EXPECT_EQ(platform.calls(Operation::Callback).at(0).functionId, SERVER_FD_PROCESSING_COMPLETED_ID);
     platform.deliverAcknowledgement(5);
     server.expectJournal({debug("received async function"), debug("received client fd processing completed")}, {});
@@ -193,61 +182,40 @@ TEST_F(LargePayload, ReceivingFailuresSayWhy) {
         message.userContext = subject.connector.get();
         return platform.deliverShare(message).result == 1;
     };
-    const struct {
-        const char* reason;
-        const Subject& subject;
-        std::function<bool()> receive;
-        std::string line;
-        int size;
-    } cases[] = {
-        {"InvalidInput", client, [&] { return Access::processFd(*client, nullptr); }, "invalid input", 0},
-        {"InvalidTaskBuffer", client,
-         [&] {
-             nexNipc_parameter_t p{};
-             return Access::processFd(*client, &p);
-         },
-         "invalid task buffer", 0},
-        {"InvalidFileDescriptor", client, [&] { return share(nullDescriptors, client); }, "invalid file descriptor", 0},
-        {"InvalidMetadata", client, [&] { return share(nullMetadata, client); }, "invalid metadata", 0},
-        {"InvalidDataLength", client, [&] { return share(empty, client); }, "invalid data length", 0},
-        {"FailedReadingFromFd", client, [&] { return share(bad, client); }, "failed reading from file descriptor", 5},
-        {"FailedReadingFromFd", client, [&] { return share(shortRegion, client); },
-         "failed reading from file descriptor", 20000},
-        {"FailedSendingAckToServer", client,
-         [&] {
-             platform.failNext(Operation::RpcAsync, -5);
-             return share(whole, client);
-         },
-         "Failed to send async request to server", 5},
-        {"FailedSendingAckToClient", server,
-         [&] {
-             platform.failNext(Operation::Callback, -5);
-             return share(whole, server);
-         },
-         "Failed to send event to clientId %d", 5},
-        {"FailedHandlingFunctionCallback", client, [&] { return share(whole, client); },
-         "Failed to handle function callback", 5},
-        {"NoCallbackManagerFound", bare, [&] { return share(whole, bare); },
-         "No callback manager found for this connector", 5},
-        {"FailedHandlingAsyncRequest", server, [&] { return share(whole, server); }, "Failed to handle async request",
-         5},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.reason);
-        c.subject.journal->clear();
-        EXPECT_FALSE(c.receive());
-        const Line last = c.subject.journal->lines().back();
-        EXPECT_EQ(last.format, c.line);
-        EXPECT_EQ(last.level, 'E');
-        EXPECT_EQ(c.subject.journal->metrics().back(),
-                  std::string("processFd FailureReason=\"") + c.reason + "\" PayloadSize=" + std::to_string(c.size));
+    const auto expect = [](const char* reason, const Subject& subject, const Line& line, int size,
+                           const std::function<bool()>& receive) {
+        SCOPED_TRACE(reason);
+        subject.journal->clear();
+        EXPECT_FALSE(receive());
+        EXPECT_EQ(subject.journal->lines().back(), line);
+        EXPECT_EQ(subject.journal->metrics().back(),
+                  std::string("processFd FailureReason=\"") + reason + "\" PayloadSize=" + std::to_string(size));
         EXPECT_EQ(sharedMemoryInUse(), 0U);
-    }
+    };
+    const auto expectShared = [&](const char* reason, const Subject& subject, const Line& line, int size,
+                                  const SharedMessage& message) {
+        expect(reason, subject, line, size, [&] { return share(message, subject); });
+    };
+    expect("InvalidInput", client, error("invalid input"), 0, [&] { return Access::processFd(*client, nullptr); });
+    nexNipc_parameter_t blank{};
+    expect("InvalidTaskBuffer", client, error("invalid task buffer"), 0,
+           [&] { return Access::processFd(*client, &blank); });
+    expectShared("InvalidFileDescriptor", client, error("invalid file descriptor"), 0, nullDescriptors);
+    expectShared("InvalidMetadata", client, error("invalid metadata"), 0, nullMetadata);
+    expectShared("InvalidDataLength", client, error("invalid data length"), 0, empty);
+    const Line unreadable = error("failed reading from file descriptor");
+    expectShared("FailedReadingFromFd", client, unreadable, 5, bad);
+    expectShared("FailedReadingFromFd", client, unreadable, 20000, shortRegion);
+    platform.failNext(Operation::RpcAsync, -5);
+    expectShared("FailedSendingAckToServer", client, error("Failed to send async request to server"), 5, whole);
+    platform.failNext(Operation::Callback, -5);
+    expectShared("FailedSendingAckToClient", server, error("Failed to send event to clientId %d", 5), 5, whole);
+    expectShared("FailedHandlingFunctionCallback", client, error("Failed to handle function callback"), 5, whole);
+    expectShared("NoCallbackManagerFound", bare, error("No callback manager found for this connector"), 5, whole);
+    expectShared("FailedHandlingAsyncRequest", server, error("Failed to handle async request"), 5, whole);
+
     server.journal->clear();
-    SharedMessage arriving = whole;
-    arriving.claimedLength = 0;
-    arriving.descriptor = -1;
-    EXPECT_EQ(platform.deliverShare(arriving).status, -1);
+    EXPECT_EQ(platform.deliverShare(empty).status, -1);
     server.expectJournal({debug("received async function"), debug("received share fd function"), debug("Processing fd"),
                           error("invalid data length"), error("Failed to process fd")},
                          {"processFd FailureReason=\"InvalidDataLength\" PayloadSize=0"});

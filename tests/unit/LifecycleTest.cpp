@@ -13,16 +13,13 @@ std::string bytes(const Record& record) {
 }
 
 const Line startingConnection = debug("Starting non-blocking connection to VLRS service");
-const Line startingRetry =
-    debug("Starting non-blocking retry for %s", "Starting non-blocking retry for NIPC_CLIENT_INIT");
+const Line startingRetry = debug("Starting non-blocking retry for %s", "NIPC_CLIENT_INIT");
 const Line connectSucceeded = info("nexNipc_connect succeeded");
 const Line connected = info("Successfully connected to server");
-const Line retrySucceeded = info("%s succeeded after %d retries", "NIPC_CLIENT_INIT succeeded after 0 retries");
-const Line retryStopped = debug("Retry stopped for %s", "Retry stopped for NIPC_CLIENT_INIT");
+const Line retrySucceeded = info("%s succeeded after %d retries", "NIPC_CLIENT_INIT", 0);
+const Line retryStopped = debug("Retry stopped for %s", "NIPC_CLIENT_INIT");
 
-Line initializing(const Subject& subject) {
-    return debug("Initializing NIPCConnector for %s", "Initializing NIPCConnector for " + subject.name);
-}
+Line initializing(const Subject& subject) { return debug("Initializing NIPCConnector for %s", subject.name.c_str()); }
 
 TEST_F(Lifecycle, ClientConnectsInTheBackground) {
     const Subject client = make(Role::Client, {"", 7});  // The uuid alone is enough.
@@ -75,14 +72,12 @@ TEST_F(Lifecycle, ServerThatCannotStartAtOnceRetries) {
     ASSERT_TRUE(server.journal->waitFor("Retry stopped for NIPC_SERVER_INIT"));
     server.expectJournal(
         {initializing(server), debug("Initializing IPC server.."),
-         warn("Initial NIPC server start failed (status: %d), starting async retry with 5-minute timeout",
-              "Initial NIPC server start failed (status: -98), starting async retry with 5-minute timeout"),
-         debug("Starting non-blocking retry for %s", "Starting non-blocking retry for NIPC_SERVER_INIT"),
-         warn("%s failed on attempt %d, status: %d, retrying in %dms",
-              "NIPC_SERVER_INIT failed on attempt 1, status: -98, retrying in 100ms"),
+         warn("Initial NIPC server start failed (status: %d), starting async retry with 5-minute timeout", -98),
+         debug("Starting non-blocking retry for %s", "NIPC_SERVER_INIT"),
+         warn("%s failed on attempt %d, status: %d, retrying in %dms", "NIPC_SERVER_INIT", 1, -98, 100),
          info("NIPC server initialization succeeded on retry"),
-         info("%s succeeded after %d retries", "NIPC_SERVER_INIT succeeded after 1 retries"),
-         debug("Retry stopped for %s", "Retry stopped for NIPC_SERVER_INIT")},
+         info("%s succeeded after %d retries", "NIPC_SERVER_INIT", 1),
+         debug("Retry stopped for %s", "NIPC_SERVER_INIT")},
         {"ServerInitFailure", "ServerInitSucceededOnRetry"});
     const auto starts = platform.calls(Operation::Start);
     ASSERT_EQ(starts.size(), 3U);
@@ -112,9 +107,8 @@ TEST_F(Lifecycle, AFailedConnectionIsMeasuredAndTriedAgain) {
     fail();
     expectConnected(client, 2);
     client.expectJournal(
-        {info("NEX_NIPC_EVENT_CONNECTION_DONE with status: %d", "NEX_NIPC_EVENT_CONNECTION_DONE with status: -5"),
-         error("Failed to connect to server"), startingConnection, startingRetry, connectSucceeded, connected,
-         retrySucceeded, retryStopped},
+        {info("NEX_NIPC_EVENT_CONNECTION_DONE with status: %d", -5), error("Failed to connect to server"),
+         startingConnection, startingRetry, connectSucceeded, connected, retrySucceeded, retryStopped},
         {"ConnectionFailure ConnectionType=\"InitialConnection\" DisconnectionCount=0"});
     platform.deliverEvent(NEX_NIPC_EVENT_SERVER_DOWN);
     ASSERT_TRUE(client.journal->waitFor("Retry stopped for NIPC_CLIENT_INIT"));
@@ -139,8 +133,7 @@ TEST_F(Lifecycle, ALostServiceIsMeasuredAndReconnected) {
 
     platform.failNext(Operation::Disconnect, -9);
     EXPECT_FALSE(Access::deinitClient(*client));
-    client.expectJournal(
-        {debug("deinitClient"), error("Failed to disconnect, status: %d", "Failed to disconnect, status: -9")}, {});
+    client.expectJournal({debug("deinitClient"), error("Failed to disconnect, status: %d", -9)}, {});
     EXPECT_NE(Access::handle(*client), -1);
     EXPECT_TRUE(Access::deinitClient(*client)) << "no longer connected: only the handle is forgotten";
     EXPECT_EQ(Access::handle(*client), -1);
@@ -163,9 +156,9 @@ TEST_F(Lifecycle, ALossWhileConnectingChangesNothing) {
     down.status = -5;
     platform.deliver(down);
     client.expectJournal(
-        {info("NEX_NIPC_EVENT_CONNECTION_DONE with status: %d", "NEX_NIPC_EVENT_CONNECTION_DONE with status: -5"),
-         error("Failed to connect to server"), startingConnection,
-         error("Service config is invalid for client NIPCConnector"), error("Failed to initiate reconnection")},
+        {info("NEX_NIPC_EVENT_CONNECTION_DONE with status: %d", -5), error("Failed to connect to server"),
+         startingConnection, error("Service config is invalid for client NIPCConnector"),
+         error("Failed to initiate reconnection")},
         {"ConnectionFailure ConnectionType=\"InitialConnection\" DisconnectionCount=0"});
 }
 
@@ -176,10 +169,10 @@ TEST_F(Lifecycle, TheDestructorStopsAndDisconnectsAClientAndLeavesAServiceAlone)
                                                          nipcconnector::NIPCServiceConfig{"service", 7},
                                                          recordingLogger(journal), recordingRecorder(journal));
         const Subject subject{"bare", journal, {}};
-        subject.expectJournal({debug("NIPCConnector constructor for %s", "NIPCConnector constructor for bare"),
-                               debug("NIPCConnector constructor for %s, server name: %s, uuid: %u",
-                                     "NIPCConnector constructor for bare, server name: service, uuid: 7")},
-                              {});
+        subject.expectJournal(
+            {debug("NIPCConnector constructor for %s", "bare"),
+             debug("NIPCConnector constructor for %s, server name: %s, uuid: %u", "bare", "service", 7U)},
+            {});
         connector->initialize();
         EXPECT_TRUE(role == Role::Server || journal->waitFor("Retry stopped for NIPC_CLIENT_INIT"));
         journal->clear();

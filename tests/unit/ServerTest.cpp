@@ -6,13 +6,9 @@ namespace {
 using Server = ConnectorTest;
 
 std::vector<char> bytes(const std::string& text) { return {text.begin(), text.end()}; }
-Line withName(Line line, const std::string& name) {
-    line.text.replace(line.text.find("%s"), 2, name);
-    return line;
-}
-const Line syncMissing = error("Failed to find sync handler for request type %s");
-const Line asyncMissing = error("Failed to find async handler for request name %s");
-const Line handling = debug("Handling async request with request name %s");
+constexpr const char* syncMissing = "Failed to find sync handler for request type %s";
+constexpr const char* asyncMissing = "Failed to find async handler for request name %s";
+constexpr const char* handling = "Handling async request with request name %s";
 
 TEST_F(Server, SortsMessagesByTypeAndSaysWhyARequestFailed) {
     const Subject server = startedServer();
@@ -25,57 +21,35 @@ TEST_F(Server, SortsMessagesByTypeAndSaysWhyARequestFailed) {
     const Line sync = debug("received sync function");
     const Line async = debug("received async function");
     const Line failed = error("Failed to handle async request");
-    const struct {
-        const char* name;
-        std::uint32_t type;
-        const char* request;
-        int result, status;
-        std::vector<Line> lines;
-    } cases[] = {
-        {"no sync handler", SYNC_FUNCTION, "gone", 0, -1, {sync, withName(syncMissing, "gone")}},
-        {"empty answer", SYNC_FUNCTION, "empty", 0, -1, {sync, withName(syncMissing, "empty")}},
-        {"answer too long",
-         SYNC_FUNCTION,
-         "long",
-         -3,
-         -3,
-         {sync, error("Response size is greater than the buffer size")}},
-        {"no async handler",
-         ASYNC_FUNCTION,
-         "gone",
-         0,
-         -1,
-         {async, withName(handling, "gone"), withName(asyncMissing, "gone"), failed}},
-        {"unknown name",
-         ASYNC_FUNCTION,
-         "?",
-         0,
-         -1,
-         {async, withName(handling, ""), withName(asyncMissing, ""), failed}},
-        {"callback", CALLBACK, "", 0, 0, {debug("received callback")}},
-        {"event not for servers", EVENT, "", 0, 0, {}},
-        {"broadcast", BROADCAST_EVENT, "", 0, 0, {debug("received broadcast event")}},
-        {"multicast", MULTICAST_EVENT, "", 0, 0, {debug("received multicast event")}},
-        {"invalid", INVALID, "", 0, 0, {debug("Invalid NIPC type")}},
-        {"unknown type", 7, "", 0, 0, {warn("unhandled NIPC type: %d", "unhandled NIPC type: 7")}},
-    };
     server.journal->clear();
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
+    const auto expect = [&](std::uint32_t type, const char* request, int result, int status,
+                            const std::vector<Line>& lines) {
+        SCOPED_TRACE(request);
         Message message;
-        message.type = c.type;
-        message.functionId = computeFunctionId(c.request);
+        message.type = type;
+        message.functionId = computeFunctionId(request);
         message.payload = "four";
         message.status = 77;
         const Delivered delivered = platform.deliver(message);
-        EXPECT_EQ(delivered.result, c.result);
-        EXPECT_EQ(delivered.status, c.status);
+        EXPECT_EQ(delivered.result, result);
+        EXPECT_EQ(delivered.status, status);
         EXPECT_EQ(delivered.length, 4U);
-        server.expectJournal(c.lines, {});
+        server.expectJournal(lines, {});
         message.nullPointers = true;
-        EXPECT_EQ(platform.deliver(message).result, c.result);
-        server.expectJournal(c.lines, {});
-    }
+        EXPECT_EQ(platform.deliver(message).result, result);
+        server.expectJournal(lines, {});
+    };
+    expect(SYNC_FUNCTION, "gone", 0, -1, {sync, error(syncMissing, "gone")});
+    expect(SYNC_FUNCTION, "empty", 0, -1, {sync, error(syncMissing, "empty")});
+    expect(SYNC_FUNCTION, "long", -3, -3, {sync, error("Response size is greater than the buffer size")});
+    expect(ASYNC_FUNCTION, "gone", 0, -1, {async, debug(handling, "gone"), error(asyncMissing, "gone"), failed});
+    expect(ASYNC_FUNCTION, "?", 0, -1, {async, debug(handling, ""), error(asyncMissing, ""), failed});
+    expect(CALLBACK, "", 0, 0, {debug("received callback")});
+    expect(EVENT, "not for servers", 0, 0, {});
+    expect(BROADCAST_EVENT, "", 0, 0, {debug("received broadcast event")});
+    expect(MULTICAST_EVENT, "", 0, 0, {debug("received multicast event")});
+    expect(INVALID, "", 0, 0, {debug("Invalid NIPC type")});
+    expect(7, "", 0, 0, {warn("unhandled NIPC type: %d", 7)});
 }
 
 TEST_F(Server, ASyncHandlerAnswersUpToTheBuffersSize) {
@@ -92,8 +66,7 @@ TEST_F(Server, ASyncHandlerAnswersUpToTheBuffersSize) {
     EXPECT_EQ(delivered.status, 0);
     EXPECT_EQ(delivered.data, "xxxxx");
     server.expectJournal(
-        {debug("received sync function"), debug("Sending syncresponse to clientId %d with payload %s",
-                                                "Sending syncresponse to clientId 3 with payload xxxxx")},
+        {debug("received sync function"), debug("Sending syncresponse to clientId %d with payload %s", 3, "xxxxx")},
         {});
     delivered = get("16384");
     EXPECT_EQ(delivered.status, 0);
@@ -111,20 +84,18 @@ TEST_F(Server, AnAsyncHandlerAnswersLaterAndAsOftenAsItLikes) {
             respond = std::move(responder);
             requestId = id;
         }));
-    server.expectJournal({withName(debug("Registering async request handler for request type %s"), "set")}, {});
+    server.expectJournal({debug("Registering async request handler for request type %s", "set")}, {});
     EXPECT_EQ(platform.deliverRequest(ASYNC_FUNCTION, computeFunctionId("set"), "21", 7, 42).status, 0);
     EXPECT_EQ(requestId, "7_42");
     server.journal->clear();
     respond(true, "done", 4);
-    server.expectJournal({debug("Sending async response to clientId %d with payload %s",
-                                "Sending async response to clientId 7 with payload done"),
-                          debug("Sending %s to clientId %d with payloadSize %zu",
-                                "Sending async response to clientId 7 with payloadSize 4")},
+    server.expectJournal({debug("Sending async response to clientId %d with payload %s", 7, "done"),
+                          debug("Sending %s to clientId %d with payloadSize %zu", "async response", 7, std::size_t{4})},
                          {});
     platform.failNext(Operation::Callback, -5);
     respond(false, nullptr, 0);
-    EXPECT_EQ(server.journal->lines().back(), error("Failed to send %s to clientId %d, status: %d",
-                                                    "Failed to send async response to clientId 7, status: -5"));
+    EXPECT_EQ(server.journal->lines().back(),
+              error("Failed to send %s to clientId %d, status: %d", "async response", 7, -5));
     EXPECT_EQ(server.journal->metrics().back(),
               "EventSendFailure FailureReason=\"NipcCallbackFailedWithStatus-5\" RequestType=\"AsyncResponse\" "
               "PayloadSize=0");
@@ -145,21 +116,22 @@ TEST_F(Server, AnAsyncHandlerAnswersLaterAndAsOftenAsItLikes) {
 TEST_F(Server, EventsGoToEveryClientThatIsThere) {
     const Subject server = startedServer();
     EXPECT_TRUE(server->publishEvent("changed"));
-    const char* const publishing = "Publishing event %s with data size %zu to %zu clients";
-    server.expectJournal({debug(publishing, "Publishing event changed with data size 0 to 0 clients")}, {});
+    const auto publishing = [](std::size_t size, std::size_t count) {
+        return debug("Publishing event %s with data size %zu to %zu clients", "changed", size, count);
+    };
+    server.expectJournal({publishing(0, 0)}, {});
     for (const std::uint16_t id : {std::uint16_t{5}, std::uint16_t{5}, std::uint16_t{6}}) clientConnects(id);
     platform.deliverEvent(NEX_NIPC_EVENT_CLIENT_DISCONNECTED, 6);
     platform.deliverEvent(NEX_NIPC_EVENT_CLIENT_DISCONNECTED, 99);
-    EXPECT_EQ(server.journal->lines()[0], debug("client %d is connected\n", "client 5 is connected\n"));
-    EXPECT_EQ(server.journal->lines()[3], debug("client %d is disconnected\n", "client 6 is disconnected\n"));
+    EXPECT_EQ(server.journal->lines()[0], debug("client %d is connected\n", 5));
+    EXPECT_EQ(server.journal->lines()[3], debug("client %d is disconnected\n", 6));
     server.journal->clear();
 
     platform.failNext(Operation::Callback, -5);
     EXPECT_TRUE(server->publishEvent("changed", "now")) << "whatever became of the sends";
     server.expectJournal(
-        {debug(publishing, "Publishing event changed with data size 3 to 1 clients"),
-         debug("Sending %s to clientId %d with payloadSize %zu", "Sending event to clientId 5 with payloadSize 3"),
-         error("Failed to send %s to clientId %d, status: %d", "Failed to send event to clientId 5, status: -5")},
+        {publishing(3, 1), debug("Sending %s to clientId %d with payloadSize %zu", "event", 5, std::size_t{3}),
+         error("Failed to send %s to clientId %d, status: %d", "event", 5, -5)},
         {"EventSendFailure FailureReason=\"NipcCallbackFailedWithStatus-5\" RequestType=\"Event\" PayloadSize=3"});
     EXPECT_TRUE(server->publishEvent("changed"));
     EXPECT_TRUE(server->publishEvent("changed", nullptr, 10));
@@ -188,7 +160,7 @@ TEST_F(Server, WithoutManagerNothingIsServed) {
     EXPECT_EQ(delivered.status, -1) << "as the platform preset it";
     bare.expectJournal({}, {});
     EXPECT_FALSE(Access::handleAsyncRequest(*bare, "set"));
-    bare.expectJournal({withName(handling, "set"), error("No callback manager found for this connector")}, {});
+    bare.expectJournal({debug(handling, "set"), error("No callback manager found for this connector")}, {});
     EXPECT_EQ(platform.listener()(nullptr), -1);
     nexNipc_parameter_t nobodys{};
     EXPECT_EQ(platform.listener()(&nobodys), -1);
