@@ -65,7 +65,8 @@ public:
                                                                    unsigned int length) override;
 
     /// Starts the service (server) or a connect in the background (client) and returns without waiting.
-    /// False only when the configuration is invalid or no thread can be had for the connect: true says
+    /// False only when the configuration is invalid or no thread can be had for connecting or, after a failed
+    /// start, for trying again: true says
     /// nothing about the outcome, which the log, the metrics and reportAggregateMetrics tell.
     bool initialize() override;
 
