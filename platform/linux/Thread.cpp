@@ -38,7 +38,7 @@ int startThread(const char* name, std::function<void()> body) {
     const int error = ::pthread_create(&thread, &attributes, run, start.get());
     ::pthread_attr_destroy(&attributes);
     ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    if (error == 0) start.release();
+    if (error == 0) static_cast<void>(start.release());  // now the thread's
     return -error;
 }
 

@@ -63,6 +63,7 @@ Process::Process(const std::vector<std::string>& roleAndArguments, std::vector<s
     program.insert(program.end(), {"--role", std::to_string(getpid())});
     program.insert(program.end(), roleAndArguments.begin(), roleAndArguments.end());
     std::vector<char*> argv;
+    argv.reserve(program.size() + 1);
     for (std::string& word : program) argv.push_back(word.data());
     argv.push_back(nullptr);
 
