@@ -41,10 +41,10 @@ public:
 
     int get() const { return fd; }
 
-    /// False when the socket is full and `flags` say not to wait.
+    /// False when the peer is gone, or when the socket is full and `flags` say not to wait.
     bool send(const void* data, std::size_t size, int flags = 0) const {
         const ssize_t n = ::send(fd, data, size, flags | MSG_NOSIGNAL);
-        require(n == static_cast<ssize_t>(size) || (n < 0 && errno == EAGAIN), "send");
+        require(n == static_cast<ssize_t>(size) || (n < 0 && (errno == EAGAIN || errno == EPIPE)), "send");
         return n >= 0;
     }
     /// -1 when there is nothing and `flags` say not to wait.

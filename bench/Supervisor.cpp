@@ -141,7 +141,8 @@ int supervise(Options options, const Measure& measure) {
     });
 
     const int status = awaitClient(children.back(), options.seconds * 2 + 60);
-    for (const pid_t child : children) kill(child, SIGKILL);
+    // The service last, so that no client finds it gone.
+    for (auto child = children.rbegin(); child != children.rend(); ++child) kill(*child, SIGKILL);
     while (waitpid(-1, nullptr, 0) > 0) {
     }
     std::error_code ignored;

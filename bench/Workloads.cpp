@@ -34,26 +34,32 @@ std::vector<double> callRepeatedly(const Options& options, Subject& subject, int
     return latencies;
 }
 
-void measureCalls(const Options& options, Subject& subject, pid_t service) {
-    subject.connect();
-    callRepeatedly(options, subject, 0, options.is("W4") ? 5 : 500, duration(options) / 4);
-
-    const Usage before = Usage::take(service);
-    std::vector<std::vector<double>> perCaller(static_cast<std::size_t>(options.callers));
+// All callers at once, `most` calls of each.
+std::vector<double> callFromAll(const Options& options, Subject& subject, long most, std::uint64_t limit) {
+    std::vector<std::vector<double>> latencies(static_cast<std::size_t>(options.callers));
     const auto run = [&](int caller) {
-        perCaller[static_cast<std::size_t>(caller)] =
-            callRepeatedly(options, subject, caller, std::max(options.count / options.callers, 1L), duration(options));
+        latencies[static_cast<std::size_t>(caller)] = callRepeatedly(options, subject, caller, most, limit);
     };
     std::vector<std::thread> others;
     for (int caller = 1; caller < options.callers; ++caller) others.emplace_back(run, caller);
     run(0);
     for (std::thread& other : others) other.join();
-    const Usage after = Usage::take(service);
+    for (int caller = 1; caller < options.callers; ++caller) {
+        const std::vector<double>& more = latencies[static_cast<std::size_t>(caller)];
+        latencies[0].insert(latencies[0].end(), more.begin(), more.end());
+    }
+    return std::move(latencies[0]);
+}
 
-    std::vector<double> all;
-    for (const auto& latencies : perCaller) all.insert(all.end(), latencies.begin(), latencies.end());
-    const auto count = static_cast<double>(all.size());
-    printRun(options, before, after, count, after.at - before.at, std::move(all));
+void measureCalls(const Options& options, Subject& subject, pid_t service) {
+    subject.connect();
+    callFromAll(options, subject, options.is("W4") ? 5 : 500, duration(options) / 4);
+    const Usage before = Usage::take(service);
+    std::vector<double> latencies =
+        callFromAll(options, subject, std::max(options.count / options.callers, 1L), duration(options));
+    const Usage after = Usage::take(service);
+    const auto count = static_cast<double>(latencies.size());
+    printRun(options, before, after, count, after.at - before.at, std::move(latencies));
 }
 
 void measurePipeline(const Options& options, Subject& subject, pid_t service) {

@@ -16,7 +16,7 @@ SUBJECTS = {  # Column: options of nipc_bench.
 }
 INLINE = ["raw", "connector", "logged"]
 LARGE = ["raw memory", "recycled", "connector"]
-SECTIONS = {  # Title, figure, its unit, columns (ratios are to the first), cells. Growth compares with its first cell.
+SECTIONS = {  # Title, figure, its unit, columns, cells. Ratios are to the first column, or to the first cell.
     "W1": ("Synchronous round trip", "p50_us", "µs", INLINE,
            [f"--size {s} --pin {p}" for p in ("split", "same") for s in (64, 1024, 16000)]),
     "W2": ("Asynchronous requests, 64 under way", "per_s", "/s", INLINE, [f"--size {s}" for s in (64, 1024, 16000)]),
@@ -26,9 +26,11 @@ SECTIONS = {  # Title, figure, its unit, columns (ratios are to the first), cell
                 [f"--workload W3 --rate 500 --pin {p}" for p in ("split", "same")]),
     "W4": ("Large payloads with acknowledgement", "p50_us", "µs", LARGE,
            [f"--size {s} --clients {c}" for c in (1, 2) for s in (64 * KIB, MIB, 5 * MIB)]),
-    "growth": ("Synchronous calls as the system grows", "per_s", "/s", ["connector"],
-               [f"{o} --workload W1 --pin same" for o in ("--idle 1", "--idle 10", "--idle 100", "--idle 500",
-                                                          "--names 1000", "--services 8", "--callers 100")]),
+    "growth": ("Synchronous round trip as the system grows", "p50_us", "µs", ["connector"],
+               [f"{o} --workload W1 --pin same"
+                for o in ("--idle 1", "--idle 10", "--idle 100", "--idle 500", "--names 1000", "--services 8")]),
+    "callers": ("Synchronous calls of several threads", "per_s", "/s", ["connector"],
+                [f"--callers {n} --workload W1" for n in (1, 10, 100)]),
 }
 FOOTPRINT = ["rss_unconnected_kb", "rss_client_kb", "anon_client_kb", "rss_server_kb", "anon_server_kb",
              "threads_client", "threads_server", "wakeups_client", "wakeups_server"]
@@ -75,13 +77,13 @@ def tables(rows, sections):
         first = medians(rows, name, cells[0], columns[0]).get(figure)
         for cell in cells:
             values = {c: medians(rows, name, cell, c) for c in columns}
-            ours, base = values["connector"], first if name == "growth" else values[columns[0]].get(figure)
+            ours, base = values["connector"], first if len(columns) == 1 else values[columns[0]].get(figure)
             label = re.sub(r"--(workload W\d|)", "", cell).replace("  ", " ").strip()
             if figure in ours and base:
                 ratio = ours[figure] / base if unit == "µs" else base / ours[figure]
                 ratios.append((f"{name} {label}", ratio))
             out.append(f"| {label} | " + " | ".join(number(values[c][figure]) if figure in values[c] else "–" for c in columns) +
-                       f" | {ratio if figure in ours and base else float('nan'):.2f} | {number(ours.get('p99_us', 0))} | {number(ours.get('cpu_us', 0))} |")
+                       f" | {ratio if figure in ours and base else float('nan'):.2f} | {number(ours['p99_us']) if 'p99_us' in ours else '–'} | {number(ours['cpu_us']) if ours else '–'} |")
         out.append("")
     return out, ratios
 
@@ -102,7 +104,7 @@ def plot(folder, ratios):
     subprocess.run(["gnuplot"], text=True, check=True, cwd=folder, input="""
         set terminal svg size 1200,600 background "white"
         set output "ratios.svg"
-        set title "Cost of the connector relative to the raw baseline (growth: to one idle client)"
+        set title "Cost of the connector relative to the raw baseline (growth, callers: to the first of each)"
         set style fill solid 0.6
         set boxwidth 0.7
         set logscale y 2
@@ -138,7 +140,7 @@ def main():
         log.writelines(json.dumps(row) + "\n" for row in rows)
     lines, ratios = tables(rows, sections)
     about = (f"Medians of {options.rounds} interleaved rounds of {options.secs} s, {os.cpu_count()} processors, "
-             f"Linux {os.uname().release}. A cost ratio above 1 is worse than the first column, for times and rates alike.")
+             f"Linux {os.uname().release}. A cost ratio above 1 is worse than the first column, or row, for times and rates alike.")
     table = "\n".join([about, "", *lines, *footprint(options)])
     open(folder + "/table.md", "w").write(table)
     plot(folder, ratios)
