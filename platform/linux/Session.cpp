@@ -146,14 +146,21 @@ bool Session::openChannel() {
     const std::shared_ptr<Service> service = service_.lock();
     const bool granted = service && service->reserveChannel(peer.pid);
     const int slot = granted ? slots.open(theirs) : -EUSERS;
+    int status = slot;
     if (slot >= 0) {
-        ++channels;
         answer.sequence = static_cast<std::uint32_t>(slot);
-    } else {
-        if (granted) service->releaseChannels(peer.pid, 1);
-        answer.status = slot;
+        status = control_.send(answer, nullptr, theirs.fd(), Wait::No);
+        if (status == 0) {
+            ++channels;
+            return true;
+        }
+        slots.close(answer.sequence);
+        answer.sequence = 0;
     }
-    return control_.send(answer, nullptr, theirs.fd(), Wait::No) == 0;
+    // Also when too many descriptors are under way, which may be another process's doing.
+    if (granted) service->releaseChannels(peer.pid, 1);
+    answer.status = status;
+    return control_.send(answer, nullptr, -1, Wait::No) == 0;
 }
 
 }  // namespace nexnipc
