@@ -85,7 +85,8 @@ Line info(const char* format, ...) NIPCTEST_MAKE('I') Line debug(const char* for
         void Journal::log(Line line) {
     std::unique_lock<std::mutex> lock(mutex);
     ++counts[line.text];
-    const auto found = hooks.find(line.text);
+    auto found = hooks.find(line.text);
+    if (found == hooks.end()) found = hooks.find(line.format);
     const auto hook = found != hooks.end() ? found->second : nullptr;
     if (found != hooks.end()) hooks.erase(found);
     loggedLines.push_back(std::move(line));
@@ -139,9 +140,9 @@ bool Journal::waitFor(const std::string& textOrMetric, std::size_t times) const 
     });
 }
 
-void Journal::onLine(const std::string& text, std::function<void()> hook) {
+void Journal::onLine(const std::string& textOrFormat, std::function<void()> hook) {
     const std::lock_guard<std::mutex> lock(mutex);
-    hooks[text] = std::move(hook);
+    hooks[textOrFormat] = std::move(hook);
 }
 
 std::unique_ptr<nipcconnector::ILogger> recordingLogger(std::shared_ptr<Journal> journal) {

@@ -48,8 +48,8 @@ public:
     void clear();
     /// Waits until a line of this text, or this metric, has come; false after ten seconds.
     bool waitFor(const std::string& textOrMetric, std::size_t times = 1) const;
-    /// Runs `hook` once, on the logging thread, when a line of this text comes.
-    void onLine(const std::string& text, std::function<void()> hook);
+    /// Runs `hook` once, on the logging thread, when a line of this text or format comes.
+    void onLine(const std::string& textOrFormat, std::function<void()> hook);
 
 private:
     const std::string name;

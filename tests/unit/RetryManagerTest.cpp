@@ -1,4 +1,5 @@
 #include <cstdlib>
+#include <thread>
 
 #include "ConnectorTest.h"
 
@@ -90,7 +91,11 @@ TEST_F(RetryManager, AStopDoesNotWaitForeverForAnOperationThatHangs) {
     Access::retryManager(*subject).stopRetry();
     subject.expectJournal({debug("Stopping retry timer thread"), warn("Retry thread didn't finish within timeout")},
                           {});
+
+    EXPECT_TRUE(Access::retryManager(*subject).startRetry([] { return 0; }, "NEXT"));
+    EXPECT_TRUE(subject.journal->waitFor("Retry stopped for NEXT"));
     gate.open();
+    EXPECT_TRUE(subject.journal->waitFor("HANGING failed on attempt 1, status: -1, retrying in 100ms"));
     EXPECT_TRUE(subject.journal->waitFor("Retry stopped for HANGING"));
 }
 
@@ -105,36 +110,40 @@ TEST_F(RetryManager, AThreadThatCannotBeHadLeavesItReadyForTheNextStart) {
     EXPECT_TRUE(subject.journal->waitFor("Retry stopped for OPERATION"));
 }
 
-/// In a child process. Prints the metrics of the connectors at its end.
+/// In a child process, whose end prints what was measured.
 class FiveMinutes : public ConnectorTest {
 protected:
-    void failToStart(std::size_t servers) {
-        platform.failAlways(Operation::Start, -98);
+    FiveMinutes() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+
+    void failToStart(int servers) {
         static std::vector<std::shared_ptr<Journal>> journals;
+        static std::atomic<int> abortsToCome{servers};
+        platform.failAlways(Operation::Start, -98);
         std::atexit([] {
-            for (const auto& journal : journals) {
-                for (const auto& metric : journal->metrics()) std::fprintf(stderr, "%s;", metric.c_str());
-            }
+            for (const auto& metric : journals[0]->metrics()) std::fprintf(stderr, "%s;", metric.c_str());
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));  // For another exit() to overtake this one.
+            std::fputs("the end", stderr);
         });
-        for (std::size_t i = 0; i < servers; ++i) {
+        for (int i = 0; i < servers; ++i) {
             const Subject server = make(Role::Server);
             journals.push_back(server.journal);
+            server.journal->onLine("%s has been failing for %ldms with %d attempts - aborting process", [] {
+                for (--abortsToCome; abortsToCome > 0;) std::this_thread::yield();
+            });
             server->initialize();
         }
-        for (const auto& journal : journals) journal->waitFor("this line never comes");
+        journals[0]->waitFor("this line never comes");
     }
 };
 
 TEST_F(FiveMinutes, OfFailureToStartAServerEndTheProcess) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(failToStart(1), ::testing::ExitedWithCode(1),
                 "ServerInitFailure;ServerInitFatalFailure OperationName=\"NIPC_SERVER_INIT\" RetryAttempts=66 "
-                "TotalDurationMs=301300;$");
+                "TotalDurationMs=301300;the end$");
 }
 
 TEST_F(FiveMinutes, OfTwoServersEndItOnce) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_EXIT(failToStart(2), ::testing::ExitedWithCode(1), "ServerInitFatalFailure");
+    EXPECT_EXIT(failToStart(2), ::testing::ExitedWithCode(1), "ServerInitFatalFailure.*the end$");
 }
 
 }  // namespace

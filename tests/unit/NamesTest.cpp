@@ -1,0 +1,77 @@
+#include <map>
+
+#include "ConnectorTest.h"
+#include "connector/CallbackManager.h"
+
+namespace nipctest {
+namespace {
+
+// Both ends of a connection compute these, in different builds.
+static_assert(computeFunctionId("") == 1004);
+static_assert(computeFunctionId("a") == 7420);
+static_assert(computeFunctionId("ab") == 58397);
+static_assert(computeFunctionId("abc") == 36949);
+static_assert(computeFunctionId("getTemperature") == 49449);
+static_assert(computeFunctionId("temperatureChanged") == 58857);
+
+TEST(Names, StayClearOfTheReservedIdentifiersAndResolveToTheSmallest) {
+    nipcconnector::CallbackManager manager;
+    std::map<std::uint16_t, std::string> smallest;
+    std::size_t collisions = 0;
+    for (int i = 2000; i > 0; --i) {
+        const std::string name = "caf\xC3\xA9" + std::to_string(i);
+        const auto id = manager.getFunctionId(name);
+        EXPECT_TRUE(id >= 1004 && id <= 65279) << name;
+        EXPECT_EQ(id, computeFunctionId(name));
+        EXPECT_EQ(manager.getFunctionId(name), id);
+        const auto entry = smallest.emplace(id, name);
+        collisions += entry.second ? 0 : 1;
+        entry.first->second = std::min(entry.first->second, name);
+    }
+    EXPECT_GT(collisions, 0U);
+    for (const auto& entry : smallest) EXPECT_EQ(manager.getRequestName(entry.first), entry.second);
+    EXPECT_EQ(manager.getRequestName(1000), "");
+}
+
+TEST(Names, OfACallbackAreNeverUsedAgain) {
+    nipcconnector::CallbackManager manager;
+    EXPECT_EQ(manager.registerCallback(nullptr), 2U);
+    manager.removeCallback(2);
+    EXPECT_EQ(manager.registerCallback(nullptr), 3U);
+    EXPECT_FALSE(manager.executeCallback(1, true, nullptr, 0));
+    EXPECT_FALSE(manager.hasRecurringCallback());
+}
+
+/// Another connector of the contract, which leaves out what is optional.
+struct Plain : smarthome::GenericConnector {
+    Plain() : GenericConnector("plain", smarthome::ConnectorConstants::Nipc) {}
+    bool registerAsyncRequestHandler(const std::string&, smarthome::AsyncRequestHandler) override { return true; }
+    RequestStatus makeAsyncRequest(const std::string&, const std::string&, const char*, unsigned int,
+                                   smarthome::AsyncResponseCallback) override {
+        return RequestStatus::Success;
+    }
+    void unregisterAsyncRequestHandler(const std::string&) override {}
+    bool subscribeForEvent(const std::string&, const std::string&, smarthome::EventHandler) override { return true; }
+    bool unsubscribeForEvent(const std::string&, const std::string&) override { return true; }
+    bool unsubscribeFromPublisher(const std::string&) override { return true; }
+    bool publishEvent(const std::string&) override { return true; }
+    bool publishEvent(const std::string&, const char*, unsigned int) override { return true; }
+    bool publishEvent(const std::string&, const std::string&) override { return true; }
+    bool registerSyncRequestHandler(const std::string&, smarthome::SyncRequestHandler) override { return true; }
+    smarthome::SyncRequestResult makeSyncRequest(const std::string&, const std::string&, const char*,
+                                                 unsigned int) override {
+        return {};
+    }
+    void unregisterSyncRequestHandler(const std::string&) override {}
+};
+
+TEST(Contract, OptionalOperationsHaveAnAnswer) {
+    Plain connector;
+    smarthome::IAsyncReqConnector& requests = connector;
+    EXPECT_TRUE(connector.initialize());
+    EXPECT_FALSE(requests.setRecurringCallback(nullptr));
+    EXPECT_EQ(requests.makeAsyncRequestWithRecurringCallback("", "", nullptr, 0), RequestStatus::Failure);
+}
+
+}  // namespace
+}  // namespace nipctest
