@@ -15,7 +15,7 @@ thread_local int allocationsUntilFailure = 0;
 bool isAllocationToFail() { return allocationsUntilFailure > 0 && --allocationsUntilFailure == 0; }
 
 /// More than any address space has: creating a thread then fails as it does when memory is short.
-constexpr std::size_t impossibleStackSize = std::size_t{1} << (sizeof(void*) * 8 - 2);
+constexpr std::size_t impossibleStackSize = std::size_t{3} << (sizeof(void*) * 8 - 2);
 
 std::size_t exchangeDefaultStackSize(std::size_t size) {
     pthread_attr_t attributes;
