@@ -33,6 +33,10 @@ struct ConnectorTestAccess {
         return connector.asyncRequestWhileDisconnectedCount;
     }
     static auto& syncRequestFailureCount(NIPCConnector& connector) { return connector.syncRequestFailureCount; }
+    template <typename Manager>
+    static auto& nextCallbackId(Manager& manager) {
+        return manager.nextCallbackId;
+    }
     static void recordMetric(NIPCConnector& connector, const std::string& name,
                              const std::vector<smarthome::TalvoraDimension>& dimensions) {
         connector.recordMetric(name, dimensions);
