@@ -46,6 +46,9 @@ smarthome::EventHandler eventsTo(std::shared_ptr<Inbox> inbox) {
 
 class ConnectorTest : public testing::Test {
 protected:
+    // One directory for all, since the connectors of one test still look around when the next begins.
+    static void SetUpTestSuite() { static const ServiceDirectory directory; }
+
     void SetUp() override {
         ASSERT_EQ(process.hear(), "up");
         ASSERT_EQ(process.hear(), "up");
@@ -84,7 +87,6 @@ protected:
         return call(*self.connector, name, payload);
     }
 
-    const ServiceDirectory directory;
     static inline std::uint16_t nextUuid = 42201;  // Connectors outlive their tests.
     const std::uint16_t uuid = nextUuid++;
     const std::uint16_t otherUuid = nextUuid++;

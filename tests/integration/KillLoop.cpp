@@ -8,6 +8,7 @@
 #include <cmath>
 #include <cstdio>
 #include <ctime>
+#include <functional>
 #include <list>
 #include <map>
 #include <thread>
@@ -60,34 +61,52 @@ int server(const std::vector<std::string>&) {
     return 0;
 }
 
-// Asks without end and says who answered for the first time, and when. Told "rest" it says when it does nothing more.
+/// Two threads that do something over and over, until they are told to rest.
+class Workers {
+public:
+    void add(std::function<void()> work) {
+        threads_.emplace_back([this, work = std::move(work)] {
+            while (!ended_) {
+                work();
+                std::this_thread::sleep_for(1ms);  // The pace of the requests.
+                if (!resting_) continue;
+                if (++asleep_ == threads_.size()) say("resting");
+                while (resting_ && !ended_) std::this_thread::sleep_for(10ms);
+                --asleep_;
+            }
+        });
+    }
+    void rest(bool resting) { resting_ = resting; }
+    ~Workers() {
+        ended_ = true;
+        for (std::thread& thread : threads_) thread.join();
+    }
+
+private:
+    std::atomic<bool> resting_{false};
+    std::atomic<bool> ended_{false};
+    std::atomic<std::size_t> asleep_{0};
+    std::list<std::thread> threads_;
+};
+
+// Asks without end and says who answered for the first time, and when. Large requests go beside, since one that loses
+// its server keeps its sender for three seconds. Told "rest" it says when it does nothing more.
 int client(const std::vector<std::string>& arguments) {
     const auto connector = Connector::getInstance(true, arguments.at(0), {"killed", kUuid}, nullptr, nullptr);
-    std::atomic<bool> resting{false};
-    std::atomic<bool> ended{false};
-    std::thread asker([&] {
-        const std::string payloads[] = {"x", pattern(40000)};
-        std::string last;
-        for (unsigned int i = 0; !ended; ++i) {
-            const auto answer = connector->makeSyncRequest("", "who", "", 0);
-            const std::string pid(answer.response.begin(), answer.response.end());
-            if (answer.status == RequestStatus::Success && std::exchange(last, pid) != pid) {
-                say(pid + " " + std::to_string(nanoseconds()));
-            }
-            const std::string& payload = payloads[i % 16 == 0];
-            connector->makeAsyncRequest("", "echo", payload.data(), static_cast<unsigned int>(payload.size()),
-                                        [](bool, auto, auto) {});
-            std::this_thread::sleep_for(1ms);  // The pace of the requests.
-            if (!resting) continue;
-            say("resting");
-            while (resting && !ended) std::this_thread::sleep_for(10ms);
-        }
-    });
     connector->subscribeForEvent("", "news", [](auto, auto) {});
     connector->initialize();
-    for (std::string order = hearParent(); !order.empty(); order = hearParent()) resting = order == "rest";
-    ended = true;
-    asker.join();
+    const std::string large = pattern(40000);
+    Workers workers;
+    workers.add([&connector, &large, count = 0U]() mutable {
+        connector->makeAsyncRequest("", "echo", large.data(), ++count % 16 == 0 ? 40000 : 1, [](bool, auto, auto) {});
+    });
+    workers.add([&connector, last = std::string()]() mutable {
+        const auto answer = connector->makeSyncRequest("", "who", "", 0);
+        const std::string pid(answer.response.begin(), answer.response.end());
+        if (answer.status != RequestStatus::Success || std::exchange(last, pid) == pid) return;
+        say(pid + " " + std::to_string(nanoseconds()));
+    });
+    for (std::string order = hearParent(); !order.empty(); order = hearParent()) workers.rest(order == "rest");
     return 0;
 }
 
