@@ -67,6 +67,9 @@ nex_status_t nexNipc_disconnect(int32_t* handle) {
             service->stop();
             return 0;
         }
+        // Ended before, perhaps from inside a listener call: that call is waited for all the same.
+        if (const auto client = Process::get().clients.findEnded(*handle)) client->upcall.gate.waitEmpty();
+        if (const auto service = Process::get().services.findEnded(*handle)) service->upcall.gate.waitEmpty();
         return -EBADF;
     });
     return status == -ESHUTDOWN ? 0 : status;

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <bitset>
 #include <cstdint>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -38,9 +39,19 @@ public:
         std::lock_guard<std::mutex> lock(mutex_);
         const auto found = objects_.find(handle);
         if (found == objects_.end()) return nullptr;
+        ended_.emplace(handle, found->second);
         std::shared_ptr<Object> object = std::move(found->second);
         objects_.erase(found);
+        for (auto ended = ended_.begin(); ended != ended_.end();) {
+            ended = ended->second.expired() ? ended_.erase(ended) : std::next(ended);
+        }
         return object;
+    }
+    // One that was removed from inside its listener, which may still be running.
+    std::shared_ptr<Object> findEnded(std::int32_t handle) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        const auto found = ended_.find(handle);
+        return found == ended_.end() ? nullptr : found->second.lock();
     }
     // Everything there is, and nothing is added after it.
     std::vector<std::shared_ptr<Object>> close() {
@@ -55,6 +66,7 @@ private:
     std::mutex mutex_;
     bool closed_ = false;
     std::map<std::int32_t, std::shared_ptr<Object>> objects_;
+    std::map<std::int32_t, std::weak_ptr<Object>> ended_;
 };
 
 // Numbers of clients: unique among all services of the process, and not used again soon.
