@@ -119,10 +119,12 @@ protected:
         static std::vector<std::shared_ptr<Journal>> journals;
         static std::atomic<int> abortsToCome{servers};
         platform.failAlways(Operation::Start, -98);
+        make(Role::Client);  // So that the registry's end comes after what follows.
         std::atexit([] {
             for (const auto& metric : journals[0]->metrics()) std::fprintf(stderr, "%s;", metric.c_str());
             std::this_thread::sleep_for(std::chrono::milliseconds(100));  // For another exit() to overtake this one.
-            std::fputs("the end", stderr);
+            const auto early = NIPCConnector::getInstance(true, "early", {"service", 7}, nullptr, nullptr);
+            std::fputs(early ? "the end" : "overtaken", stderr);
         });
         for (int i = 0; i < servers; ++i) {
             const Subject server = make(Role::Server);
@@ -143,7 +145,7 @@ TEST_F(FiveMinutes, OfFailureToStartAServerEndTheProcess) {
 }
 
 TEST_F(FiveMinutes, OfTwoServersEndItOnce) {
-    EXPECT_EXIT(failToStart(2), ::testing::ExitedWithCode(1), "ServerInitFatalFailure.*the end$");
+    EXPECT_EXIT(failToStart(2), ::testing::ExitedWithCode(1), "the end$");
 }
 
 }  // namespace

@@ -111,10 +111,12 @@ class ProcessEnd : public ConnectorTest {
 protected:
     ProcessEnd() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
 
-    /// A server whose handler holds it.
+    /// A server whose handler holds it, and calls it when it is destroyed.
     Subject selfHoldingServer() {
         const Subject server = startedServer();
-        server->registerSyncRequestHandler("exit", [connector = server.connector](const char*, unsigned int) {
+        const std::shared_ptr<void> farewell(nullptr,
+                                             [raw = server.connector.get()](void*) { raw->publishEvent("bye"); });
+        server->registerSyncRequestHandler("exit", [connector = server.connector, farewell](const char*, unsigned int) {
             std::exit(connector->publishEvent("bye") ? 0 : 4);
             return std::vector<char>();
         });
@@ -124,14 +126,12 @@ protected:
 
 TEST_F(ProcessEnd, LeavesARegistryThatGivesNothing) {
     const auto end = [this] {
-        static NIPCConnector* held = nullptr;
+        static auto& kept = *new std::shared_ptr<NIPCConnector>;
         std::atexit([] {  // Runs after the registry's end.
             const auto late = NIPCConnector::getInstance(true, "late", {"service", 7}, nullptr, nullptr);
-            std::_Exit(late == nullptr && !held->publishEvent("late") ? 0 : 3);
+            std::_Exit(late == nullptr && !kept->publishEvent("late") ? 0 : 3);
         });
-        static std::shared_ptr<NIPCConnector> kept;
         kept = selfHoldingServer().connector;
-        held = new std::shared_ptr<NIPCConnector>(kept) ? kept.get() : nullptr;
         std::exit(5);
     };
     EXPECT_EXIT(end(), ::testing::ExitedWithCode(0), "");
