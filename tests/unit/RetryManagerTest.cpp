@@ -144,9 +144,7 @@ TEST_F(FiveMinutes, OfFailureToStartAServerEndTheProcess) {
                 "TotalDurationMs=301300;the end$");
 }
 
-TEST_F(FiveMinutes, OfTwoServersEndItOnce) {
-    EXPECT_EXIT(failToStart(2), ::testing::ExitedWithCode(1), "the end$");
-}
+TEST_F(FiveMinutes, OfTwoServersEndItOnce) { EXPECT_EXIT(failToStart(2), ::testing::ExitedWithCode(1), "the end$"); }
 
 }  // namespace
 }  // namespace nipctest
