@@ -148,7 +148,9 @@ const struct Violation {
     {"a share identifier in a request", header(FrameType::AsyncRequest, SERVER_SHARE_FD_ID, 0), 0},
     {"a share identifier in a call", header(FrameType::SyncRequest, SERVER_SHARE_FD_ID, 0), 0},
     {"a descriptor unasked", header(FrameType::AsyncRequest, kRequest, 4), 4, 1},
+#ifndef NIPC_TEST_EMULATOR  // qemu-user takes in descriptors that it then cannot hand over.
     {"many descriptors", header(FrameType::Share, SERVER_SHARE_FD_ID, 10), 10, 8},
+#endif
     {"a call on a channel of nobody", header(FrameType::SyncRequest, kRequest, 0, 16384, 1, 77), 0},
     {"a large call without its region", header(FrameType::SyncRequest, kRequest, 1U << 20U, 16384, 1, 0), 0},
     {"a request on the control lane", header(FrameType::AsyncRequest, kRequest, 0), 0, 0, true},

@@ -23,6 +23,13 @@ using smarthome::RequestStatus;
 
 enum class Role { Client, Server };
 
+/// How death tests get their process: anew, or by forking where an emulator would have to start it.
+#ifdef NIPC_TEST_EMULATOR
+constexpr const char* kDeathTestStyle = "fast";
+#else
+constexpr const char* kDeathTestStyle = "threadsafe";
+#endif
+
 /// A connector under test and what it logged and measured.
 struct Subject {
     std::string name;

@@ -113,7 +113,7 @@ TEST_F(RetryManager, AThreadThatCannotBeHadLeavesItReadyForTheNextStart) {
 /// In a child process, whose end prints what was measured.
 class FiveMinutes : public ConnectorTest {
 protected:
-    FiveMinutes() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+    FiveMinutes() { GTEST_FLAG_SET(death_test_style, kDeathTestStyle); }
 
     void failToStart(int servers) {
         static std::vector<std::shared_ptr<Journal>> journals;

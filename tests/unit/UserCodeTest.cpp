@@ -109,7 +109,7 @@ TEST_F(UserCode, ALoggerAndARecorderThatThrowDoNotStopTheWorker) {
 /// The end of the process, in a child.
 class ProcessEnd : public ConnectorTest {
 protected:
-    ProcessEnd() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+    ProcessEnd() { GTEST_FLAG_SET(death_test_style, kDeathTestStyle); }
 
     /// A server whose handler holds it, and calls it when it is destroyed.
     Subject selfHoldingServer() {
