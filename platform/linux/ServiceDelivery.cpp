@@ -109,8 +109,9 @@ void ServiceDelivery::serve(std::uint16_t clientId, std::uint32_t events) {
 }
 
 bool ServiceDelivery::readTurn(Session& session, std::uint32_t events) {
-    // A client that is gone shows itself even where it is not being read.
-    if (session.holdReading()) return (events & (EPOLLHUP | EPOLLERR)) == 0 && watch(session, EPOLL_CTL_MOD, 0);
+    // A client that is gone takes nothing from its queue any more; what it sent is read to the end.
+    const bool gone = (events & (EPOLLHUP | EPOLLERR)) != 0;
+    if (session.holdReading() && !gone) return watch(session, EPOLL_CTL_MOD, 0);
     const PacketBatch::Result result = batch_.receive(session.main, Wait::No);
     for (unsigned i = 0; i < result.count; ++i) {
         if (service_.stopped_) return true;

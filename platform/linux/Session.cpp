@@ -80,6 +80,11 @@ void Session::onWritable() {
     {
         std::lock_guard<std::mutex> lock(sendMutex_);
         status = queue_.flush(main);
+        // Nobody reads any more: the requests that came before are served all the same.
+        if (status == -ECONNRESET) {
+            queue_.clear();
+            status = 0;
+        }
         if (queue_.empty()) unwatchWritable();
         resume = held_ && queue_.size() < SendQueue::kLowMark;
         if (resume) held_ = false;
@@ -111,10 +116,15 @@ void Session::shutdown() {
 
 void Session::onControl(PacketBatch& scratch) {
     const PacketBatch::Result result = scratch.receive(control_, Wait::No);
-    bool good = result.status == 0 || result.status == -EAGAIN;
+    const bool ended = result.status == -ECONNRESET;
+    bool good = ended || result.status == 0 || result.status == -EAGAIN;
     for (unsigned i = 0; good && i < result.count; ++i) good = handleControl(scratch[i]);
     scratch.discard();
-    if (!good) shutdown();
+    if (!good) return shutdown();
+    if (!ended) return;
+    // The client is leaving. What it sent before is still in the main socket, whose end is the session's.
+    lane_.remove(controlSource_);
+    slots.shutdown();
 }
 
 bool Session::handleControl(const Packet& packet) {

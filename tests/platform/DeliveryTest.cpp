@@ -63,6 +63,26 @@ TEST_F(DeliveryTest, EachLaneKeepsItsOrderAndOneListenerCallRunsAtATime) {
     EXPECT_EQ(faults, 0);
 }
 
+TEST_F(DeliveryTest, WhatAClientSentBeforeItLeftArrives) {
+    constexpr std::size_t kCount = 200;
+    Signal left;
+    std::atomic<std::size_t> arrivedBefore{0};
+    Endpoint service([&](Endpoint& self, const Message& message, nexNipc_parameter_t&) {
+        if (message.data == "0") left.wait();
+        if (message.id == NEX_NIPC_EVENT_CLIENT_DISCONNECTED) arrivedBefore = self.count(kRequest);
+    });
+    ASSERT_EQ(service.start(kUuid), 0);
+    Endpoint client;
+    ASSERT_EQ(client.connect(kUuid), 0);
+    for (std::size_t i = 0; i < kCount; ++i) ASSERT_EQ(client.request(kRequest, std::to_string(i)), 0);
+    client.disconnect();
+    Endpoint next;  // When it is let in, the lane has seen the first one go.
+    EXPECT_EQ(next.connect(kUuid), 0);
+    left.set();
+    service.next(NEX_NIPC_EVENT_CLIENT_DISCONNECTED);
+    EXPECT_EQ(arrivedBefore, kCount);
+}
+
 TEST_F(DeliveryTest, ASynchronousRequestCarriesTheServicesResult) {
     const struct {
         const char* name;

@@ -277,6 +277,19 @@ TEST_F(HostilePeerTest, WhatIsQueuedForSilentClientsHasALimitInAll) {
     EXPECT_EQ(client.call(kRequest, "x").response, "x");
 }
 
+TEST_F(HostilePeerTest, WhatASilentClientSentBeforeItLeftArrives) {
+    Endpoint service;
+    ASSERT_EQ(service.start(kUuid), 0);
+    {
+        const Client peer = letIn();
+        const std::uint16_t id = service.next(NEX_NIPC_EVENT_CLIENT_CONNECTED).peer;
+        while (service.callback(id, ASYNC_RESPONSE_SUCCESS_ID, std::string(16383, 'x'), contextOf(1)) == 0) continue;
+        for (int i = 0; i < 50; ++i) peer.main.send(packet(header(FrameType::AsyncRequest, kRequest, 4), 4));
+    }
+    service.next(NEX_NIPC_EVENT_CLIENT_DISCONNECTED);
+    EXPECT_EQ(service.count(kRequest), 50U);
+}
+
 TEST_F(HostilePeerTest, AServiceThatBreaksTheRulesIsReportedDown) {
     const RawPeer listener = RawPeer::listenAt(path_);
     Welcome welcome;
