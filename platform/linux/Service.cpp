@@ -1,5 +1,6 @@
 #include "Service.h"
 
+#include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -54,6 +55,12 @@ int Service::start(std::int32_t* handle, const ServerStartRecord& record) {
 int Service::open() {
     wakeup_.reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     if (!wakeup_.valid()) return -errno;
+    epoll_.reset(::epoll_create1(EPOLL_CLOEXEC));
+    if (!epoll_.valid()) return -errno;
+    epoll_event wakeup{};
+    wakeup.events = EPOLLIN;
+    wakeup.data.u64 = ServiceDelivery::kInbox;
+    if (::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, wakeup_.get(), &wakeup) != 0) return -errno;
     if (const int status = endpoint_.offer(uuid)) return status;
     acceptor_ = std::make_shared<Acceptor>(Process::get().lane, endpoint_.takeListener(), weak_from_this());
     return 0;

@@ -71,6 +71,7 @@ private:
     Endpoint endpoint_;
     std::shared_ptr<Acceptor> acceptor_;
     Fd wakeup_;
+    Fd epoll_;  // the delivery thread's
     std::atomic<bool> stopped_{false};
 
     std::mutex mutex_;  // taken before those of sessions

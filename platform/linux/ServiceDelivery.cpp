@@ -14,8 +14,6 @@ namespace {
 
 thread_local std::int32_t deliveredHandle = 0;
 
-constexpr std::uint64_t kInbox = 1U << 16;  // no client's id
-
 bool isShareId(std::uint16_t functionId) {
     return functionId == CLIENT_SHARE_FD_ID || functionId == SERVER_SHARE_FD_ID;
 }
@@ -36,14 +34,9 @@ void ServiceDelivery::run() {
 }
 
 void ServiceDelivery::loop() {
-    epoll_.reset(::epoll_create1(EPOLL_CLOEXEC));
-    epoll_event wakeup{};
-    wakeup.events = EPOLLIN;
-    wakeup.data.u64 = kInbox;
-    if (::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, service_.wakeup_.get(), &wakeup) != 0) return service_.withdraw();
     std::array<epoll_event, 16> events{};
     while (!service_.stopped_) {
-        const int count = ::epoll_wait(epoll_.get(), events.data(), static_cast<int>(events.size()), -1);
+        const int count = ::epoll_wait(service_.epoll_.get(), events.data(), static_cast<int>(events.size()), -1);
         for (int i = 0; i < count && !service_.stopped_; ++i) {
             const std::uint64_t from = events[static_cast<std::size_t>(i)].data.u64;
             if (from == kInbox) {
@@ -124,7 +117,7 @@ bool ServiceDelivery::watch(const Session& session, int operation, std::uint32_t
     epoll_event event{};
     event.events = events;
     event.data.u64 = session.id;
-    return ::epoll_ctl(epoll_.get(), operation, session.main.fd(), &event) == 0;
+    return ::epoll_ctl(service_.epoll_.get(), operation, session.main.fd(), &event) == 0;
 }
 
 void ServiceDelivery::leave(SessionPtr session) {

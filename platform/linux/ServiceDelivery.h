@@ -4,7 +4,6 @@
 #include <memory>
 #include <unordered_map>
 
-#include "Fd.h"
 #include "PacketSocket.h"
 #include "Service.h"
 
@@ -13,6 +12,9 @@ namespace nexnipc {
 // The delivery thread of a service: takes what its clients send, calls the listener, answers.
 class ServiceDelivery {
 public:
+    // The wake-up's number among those of clients.
+    static constexpr std::uint64_t kInbox = 1U << 16;
+
     explicit ServiceDelivery(std::shared_ptr<Service> service) : pinned_(std::move(service)), service_(*pinned_) {}
     void run();
 
@@ -35,7 +37,6 @@ private:
 
     const std::shared_ptr<Service> pinned_;
     Service& service_;
-    Fd epoll_;
     PacketBatch batch_;
     std::unordered_map<std::uint16_t, SessionPtr> active_;
 };

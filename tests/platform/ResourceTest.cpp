@@ -1,8 +1,10 @@
 // What is promised of threads, descriptors and time spent.
-#include <dirent.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <list>
@@ -114,6 +116,28 @@ TEST_F(ResourceTest, ConnectionsComeAndGoWithoutATrace) {
     const std::size_t tasks = taskCount(self);
     for (int i = 0; i < 30; ++i) useOne();
     EXPECT_TRUE(eventually([&] { return descriptorCount(self) <= descriptors && taskCount(self) <= tasks; }));
+}
+
+TEST_F(ResourceTest, AServiceThatStartsShortOfDescriptorsSaysSoOrServes) {
+    rlimit usual{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &usual), 0);
+    nex_status_t status = -EMFILE;
+    for (rlim_t spare = 0; status == -EMFILE && spare < 20; ++spare) {
+        const int free = dup(STDIN_FILENO);  // The lowest number that is.
+        close(free);
+        const rlimit limit{static_cast<rlim_t>(free) + spare, usual.rlim_max};
+        setrlimit(RLIMIT_NOFILE, &limit);
+        Endpoint service;
+        status = service.start(kUuid);
+        // Whatever its thread would still open, it has not got.
+        if (status == 0) std::this_thread::sleep_for(50ms);
+        setrlimit(RLIMIT_NOFILE, &usual);
+        if (status != 0) continue;
+        Endpoint client;
+        EXPECT_EQ(client.connect(kUuid), 0);
+        EXPECT_EQ(client.call(kRequest, "x").response, "x");
+    }
+    EXPECT_EQ(status, 0);
 }
 
 TEST_F(ResourceTest, AServiceShortOfDescriptorsGoesOnWithoutSpinning) {
