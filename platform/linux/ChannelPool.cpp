@@ -55,7 +55,7 @@ void ChannelPool::giveBack(Channel* channel, bool clean) {
     if (clean) {
         free_.push_back(channel);
     } else {
-        send(FrameType::CloseChannel, channel->slot);
+        send(FrameType::CloseChannel, channel->number);
         const auto found = std::find_if(channels_.begin(), channels_.end(),
                                         [channel](const auto& owned) { return owned.get() == channel; });
         channels_.erase(found);
@@ -64,7 +64,7 @@ void ChannelPool::giveBack(Channel* channel, bool clean) {
     if (waiting_ > 0) changed_.notify_all();
 }
 
-bool ChannelPool::opened(std::uint32_t slot, int status, PacketSocket socket) {
+bool ChannelPool::opened(std::uint32_t number, int status, PacketSocket socket) {
     std::lock_guard<std::mutex> lock(mutex_);
     if (opening_ == 0 || (status == 0) != socket.valid() || status > 0) return false;
     --opening_;
@@ -73,7 +73,7 @@ bool ChannelPool::opened(std::uint32_t slot, int status, PacketSocket socket) {
         ++refusals_;
     } else {
         if (timeoutMs_ > 0) socket.setReceiveLimit(timeoutMs_);
-        channels_.push_back(std::make_unique<Channel>(Channel{std::move(socket), slot}));
+        channels_.push_back(std::make_unique<Channel>(Channel{std::move(socket), number}));
         free_.push_back(channels_.back().get());
         if (shut_) channels_.back()->socket.shutdown();
     }
@@ -88,10 +88,10 @@ void ChannelPool::shut() {
     changed_.notify_all();
 }
 
-int ChannelPool::send(FrameType type, std::uint32_t slot) const {
+int ChannelPool::send(FrameType type, std::uint32_t number) const {
     FrameHeader header;
     header.type = type;
-    header.sequence = slot;
+    header.sequence = number;
     return control_.send(header, nullptr, -1, Wait::No);
 }
 

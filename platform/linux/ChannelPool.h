@@ -14,7 +14,7 @@ namespace nexnipc {
 // One caller's way to its own synchronous answers.
 struct Channel {
     PacketSocket socket;
-    std::uint32_t slot = 0;
+    std::uint32_t number = 0;
 };
 
 // The channels of one connection: opened when a caller finds none free, kept for the next. Thread-safe.
@@ -27,13 +27,13 @@ public:
     // A channel on which an answer may still come is not used again.
     void giveBack(Channel* channel, bool clean);
     // Lane: the service's answer to a request for a channel. False when none was asked for.
-    bool opened(std::uint32_t slot, int status, PacketSocket socket);
+    bool opened(std::uint32_t number, int status, PacketSocket socket);
     // The connection is over: ends every wait.
     void shut();
 
 private:
     int waitForOne(std::unique_lock<std::mutex>& lock, std::chrono::steady_clock::time_point deadline);
-    int send(FrameType type, std::uint32_t slot) const;
+    int send(FrameType type, std::uint32_t number) const;
 
     const PacketSocket& control_;
     const std::int64_t timeoutMs_;

@@ -32,8 +32,8 @@ struct FrameHeader {
     std::uint16_t functionId = 0;
     std::uint32_t length = 0;    // of the payload, wherever it travels
     std::uint64_t context = 0;   // request context; SyncRequest: capacity of the answer; SyncReply: an errno
-    std::uint32_t sequence = 0;  // of a share or a synchronous request; slot of a channel
-    std::int32_t status = 0;     // SyncRequest: slot of the channel that the answer goes to
+    std::uint32_t sequence = 0;  // of a share or a synchronous request; number of a channel
+    std::int32_t status = 0;     // SyncRequest: number of the channel that the answer goes to
 };
 
 static_assert(offsetof(FrameHeader, functionId) == 2);

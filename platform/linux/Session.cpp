@@ -155,10 +155,10 @@ bool Session::openChannel() {
     PacketSocket theirs;
     const std::shared_ptr<Service> service = service_.lock();
     const bool granted = service && service->reserveChannel(peer.pid);
-    const int slot = granted ? slots.open(theirs) : -EUSERS;
-    int status = slot;
-    if (slot >= 0) {
-        answer.sequence = static_cast<std::uint32_t>(slot);
+    const int channel = granted ? slots.open(theirs) : -EUSERS;
+    int status = channel;
+    if (channel >= 0) {
+        answer.sequence = static_cast<std::uint32_t>(channel);
         status = control_.send(answer, nullptr, theirs.fd(), Wait::No);
         if (status == 0) {
             ++channels;

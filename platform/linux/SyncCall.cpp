@@ -7,12 +7,6 @@
 #include "Service.h"
 
 namespace nexnipc {
-namespace {
-
-// Answers to calls that were given up can stand in a channel only as long as it is that of a reused slot.
-constexpr unsigned kStaleAnswers = 128;
-
-}  // namespace
 
 // One send and one receive on the caller's thread; nothing else of this process is involved.
 int Client::callSync(SyncRpcRecord& record) {
@@ -30,7 +24,7 @@ int Client::callSync(SyncRpcRecord& record) {
     request.length = record.length;
     request.context = record.responseLength;
     request.sequence = ++lastCall_;
-    request.status = static_cast<std::int32_t>(channel->slot);
+    request.status = static_cast<std::int32_t>(channel->number);
     const int status = exchange(*channel, request, record.payload, memory.get(), record);
     channels_.giveBack(channel, status == 0);
     return status;
@@ -40,15 +34,13 @@ int Client::exchange(const Channel& channel, const FrameHeader& request, const v
                      SyncRpcRecord& record) {
     int status = main_.send(request, payload, descriptor, Wait::Yes);
     if (status != 0) return status == -EAGAIN ? -ETIMEDOUT : status;
-    for (unsigned stale = 0; stale < kStaleAnswers; ++stale) {
-        FrameHeader answer;
-        Fd memory;
-        const int length = channel.socket.receiveInto(answer, record.response, record.responseLength, memory);
-        if (length < 0) return length == -EAGAIN ? -ETIMEDOUT : length;
-        if (answer.type != FrameType::SyncReply) return -EPROTO;
-        if (answer.sequence == request.sequence) return takeAnswer(answer, length, memory, record);
-    }
-    return -EPROTO;
+    FrameHeader answer;
+    Fd memory;
+    const int length = channel.socket.receiveInto(answer, record.response, record.responseLength, memory);
+    if (length < 0) return length == -EAGAIN ? -ETIMEDOUT : length;
+    // A channel whose call was given up is closed, so no other answer can stand in it.
+    if (answer.type != FrameType::SyncReply || answer.sequence != request.sequence) return -EPROTO;
+    return takeAnswer(answer, length, memory, record);
 }
 
 int Client::takeAnswer(const FrameHeader& answer, int inlineLength, const Fd& memory, SyncRpcRecord& record) const {

@@ -158,18 +158,22 @@ TEST_F(DeliveryTest, ASynchronousRequestToOnesOwnServiceFromItsHandlerIsRefused)
 TEST_F(DeliveryTest, ATimeLimitEndsARequestAndItsLateAnswerGoesToNobody) {
     Signal release;
     Endpoint service([&](Endpoint&, const Message& message, nexNipc_parameter_t& parameter) {
-        if (message.id == kNever) release.wait();
+        if (message.data == "late") release.wait();
         if (message.type == SYNC_FUNCTION) echo(parameter);
     });
     ASSERT_EQ(service.start(kUuid), 0);
-    setenv("NEX_NIPC_SYNC_TIMEOUT_MS", "300", 1);
+    setenv("NEX_NIPC_SYNC_TIMEOUT_MS", "700", 1);
     Endpoint client;
     ASSERT_EQ(client.connect(kUuid), 0);
-    EXPECT_EQ(client.call(kNever, "late").transport, -ETIMEDOUT);
-    release.set();
-    service.next(kNever);
-    for (int i = 0; i < 10; ++i) EXPECT_EQ(client.call(kRequest, std::to_string(i)).response, std::to_string(i));
     unsetenv("NEX_NIPC_SYNC_TIMEOUT_MS");
+    EXPECT_EQ(client.call(kNever, "late").transport, -ETIMEDOUT);
+    EXPECT_EQ(client.call(kNever, std::string(100, 'l')).transport, -ETIMEDOUT);
+    // This one waits where they waited, with less room than their answers need.
+    std::future<Answer> good = std::async(std::launch::async, [&] { return client.call(kRequest, "good", 10); });
+    EXPECT_EQ(good.wait_for(100ms), std::future_status::timeout);
+    release.set();
+    EXPECT_EQ(good.get().response, "good");
+    for (int i = 0; i < 10; ++i) EXPECT_EQ(client.call(kRequest, std::to_string(i)).response, std::to_string(i));
 }
 
 TEST_F(DeliveryTest, ContextsTravelWhole) {
