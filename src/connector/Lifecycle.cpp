@@ -1,8 +1,10 @@
 // A client's connection: how it comes up, is lost, and comes back.
 //
-// `isConnected`, `isConnecting` and `nipcHandle` change together under connectionMutex, and the two flags are
-// never both set. The worker that connects and the listener that hears of the outcome race each other: what
-// the listener has heard of a loss since the attempt began outranks the worker's success.
+// `isConnected`, `isConnecting` and `nipcHandle` change under connectionMutex, and the two flags are never both
+// set. Connected is who has the flag and a handle: an attempt begins by forgetting the old handle, and the flag
+// alone says that the listener heard of the success before the attempt brought the handle home. The worker that
+// connects and the listener that hears of the outcome race each other: what the listener has heard of a loss since the
+// attempt began outranks the worker's success.
 #include <cerrno>
 
 #include "connector/ConnectorGuards.h"
@@ -14,6 +16,12 @@
 #include "nipcconnector/NIPCConnector.h"
 
 namespace nipcconnector {
+namespace {
+
+// Guarded, with its arguments: want of memory for a metric must not keep a connection from coming back.
+constexpr const char* connectionMetric = "Recording the connection's metric";
+
+}  // namespace
 
 bool NIPCConnector::hasValidConfig() const { return !serviceConfig.serverName.empty() || serviceConfig.uuid != 65535; }
 
@@ -31,7 +39,10 @@ bool NIPCConnector::initClient() {
         NIPC_LOG(logger, error, "Service config is invalid for client NIPCConnector");
         return false;
     }
-    if (retryManager.startRetry([this] { return connectToService(); }, "NIPC_CLIENT_INIT")) return true;
+    bool started = false;
+    callGuarded(logger.get(), "The start of connecting",
+                [&] { started = retryManager.startRetry([this] { return connectToService(); }, "NIPC_CLIENT_INIT"); });
+    if (started) return true;
 
     const std::lock_guard<std::mutex> lock(connectionMutex);
     isConnecting = false;
@@ -41,7 +52,8 @@ bool NIPCConnector::initClient() {
 std::int32_t NIPCConnector::connectToService() {
     {
         const std::lock_guard<std::mutex> lock(connectionMutex);
-        if (isConnected) return 0;
+        if (isConnected && nipcHandle != -1) return 0;
+        nipcHandle = -1;  // One from before is dead, also when it could not be disconnected.
         if (guards->attempts++ == 0) guards->lost = false;
     }
     ClientConnectRecord record{};
@@ -103,7 +115,7 @@ bool NIPCConnector::deinitClient() {
         if (status != 0) {
             NIPC_LOG(logger, error, "Failed to disconnect, status: %d", static_cast<int>(status));
             const std::lock_guard<std::mutex> lock(connectionMutex);
-            if (!isConnected && nipcHandle == -1) nipcHandle = handle;
+            if (!isConnected && nipcHandle == -1 && guards->attempts == 0) nipcHandle = handle;
             return false;
         }
     }
@@ -130,8 +142,10 @@ void NIPCConnector::handleConnectionResult(bool success) {
         if (lastDisconnectionTime > 0) connectionType = "Reconnection";
         count = disconnectionCount;
     }
-    recordMetric("ConnectionFailure",
-                 {stringDimension("ConnectionType", connectionType), integerDimension("DisconnectionCount", count)});
+    callGuarded(logger.get(), connectionMetric, [&] {
+        recordMetric("ConnectionFailure", {stringDimension("ConnectionType", connectionType),
+                                           integerDimension("DisconnectionCount", count)});
+    });
     if (!initClient()) NIPC_LOG(logger, error, "Failed to initiate reconnection");
 }
 
@@ -152,8 +166,10 @@ void NIPCConnector::handleServerDisconnection() {
             durationMs = (lastDisconnectionTime - connectionStartTime) / NANOSECONDS_PER_MILLISECOND;
         }
     }
-    recordMetric("ServerDisconnection",
-                 {integerDimension("DisconnectionCount", count), integerDimension("ConnectionDurationMs", durationMs)});
+    callGuarded(logger.get(), connectionMetric, [&] {
+        recordMetric("ServerDisconnection", {integerDimension("DisconnectionCount", count),
+                                             integerDimension("ConnectionDurationMs", durationMs)});
+    });
     deinitClient();
     if (!initClient()) NIPC_LOG(logger, error, "Failed to initiate reconnection");
 }

@@ -11,7 +11,7 @@
 namespace nipcconnector {
 
 // The listener may hear of the success before the attempt has brought the handle home. Under connectionMutex.
-bool NIPCConnector::isHandlePending() const { return isConnected && nipcHandle == -1 && guards->attempts > 0; }
+bool NIPCConnector::isHandlePending() const { return isConnected && nipcHandle == -1; }
 
 // For the listener, whose acknowledgement would be lost with the handle on its way: that takes no longer than the
 // retry thread's next turn.
