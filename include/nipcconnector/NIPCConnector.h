@@ -65,9 +65,9 @@ public:
                                                                    unsigned int length) override;
 
     /// Starts the service (server) or a connect in the background (client) and returns without waiting.
-    /// False only when the configuration is invalid or no thread can be had for connecting or, after a failed
-    /// start, for trying again: true says
-    /// nothing about the outcome, which the log, the metrics and reportAggregateMetrics tell.
+    /// False only when the configuration is invalid, the process is ending, or no thread can be had for
+    /// connecting or, after a failed start, for trying again: true says nothing about the outcome, which the
+    /// log, the metrics and reportAggregateMetrics tell.
     bool initialize() override;
 
     bool subscribeForEvent(const std::string& publisher, const std::string& eventType,
@@ -122,7 +122,8 @@ private:
         friend struct ConnectorTestAccess;
         struct Run;
 
-        void startWorker();
+        bool startWorker(const std::string& forOperation);
+        bool takeRefusedStart();
         void retryWorkerThread();
         template <typename Function>
         void guarded(Function&& function);

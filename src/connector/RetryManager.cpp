@@ -1,4 +1,5 @@
 #include <exception>
+#include <utility>
 
 #include "connector/ConnectorGate.h"
 #include "connector/Limits.h"
@@ -17,48 +18,61 @@ bool NIPCConnector::AsyncRetryManager::startRetry(std::function<std::int32_t()> 
                                                   const std::string& newOperationName) {
     if (!ConnectorGate::isOpen(connector)) return false;  // It is being destroyed.
     bool starts = false;
+    std::string newName = newOperationName;
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        starts = !active.exchange(true);
+        startRefused = !starts;
+        (starts ? operation : refusedOperation).swap(newOperation);
+        (starts ? operationName : refusedName).swap(newName);
+        if (starts) {
+            threadFinished = false;
+            attemptCount = 0;
+            startTime = timeSource().now();
+        }
+    }
+    if (!starts) {
+        NIPC_LOG(connector->logger, warn, "Retry already in progress for %s", newOperationName.c_str());
+        return true;
+    }
+    NIPC_LOG(connector->logger, debug, "Starting non-blocking retry for %s", newOperationName.c_str());
+    while (!startWorker(newOperationName)) {
+        const std::lock_guard<std::mutex> lock(mutex);
+        if (takeRefusedStart()) continue;  // Its caller relies on the worker that this one could not create.
+        active = false;
+        threadFinished = true;
+        condition.notify_all();
+        return false;
+    }
+    return true;
+}
+
+bool NIPCConnector::AsyncRetryManager::startWorker(const std::string& forOperation) {
     try {
-        std::string newName = newOperationName;
-        {
-            const std::lock_guard<std::mutex> lock(mutex);
-            starts = !active.exchange(true);
-            startRefused = !starts;
-            (starts ? operation : refusedOperation).swap(newOperation);
-            (starts ? operationName : refusedName).swap(newName);
-            if (starts) {
-                threadFinished = false;
-                attemptCount = 0;
-                startTime = timeSource().now();
-            }
-        }
-        if (!starts) {
-            NIPC_LOG(connector->logger, warn, "Retry already in progress for %s", newOperationName.c_str());
-            return true;
-        }
-        NIPC_LOG(connector->logger, debug, "Starting non-blocking retry for %s", newOperationName.c_str());
-        startWorker();
+        std::thread worker([address = connector, manager = this] {
+            const ConnectorGate::Pin pin(address, ConnectorGate::Visitor::RetryThread);
+            if (pin) manager->retryWorkerThread();
+        });
+        const std::lock_guard<std::mutex> lock(mutex);
+        workerThread = std::move(worker);
+        workerThread.detach();
         return true;
     } catch (const std::exception& failure) {
-        if (starts) {
-            const std::lock_guard<std::mutex> lock(mutex);
-            active = false;
-            threadFinished = true;
-            startRefused = false;
-            condition.notify_all();
-        }
-        NIPC_LOG(connector->logger, error, "Failed to start the retry thread for %s: %s", newOperationName.c_str(),
+        NIPC_LOG(connector->logger, error, "Failed to start the retry thread for %s: %s", forOperation.c_str(),
                  failure.what());
         return false;
     }
 }
 
-void NIPCConnector::AsyncRetryManager::startWorker() {
-    const std::lock_guard<std::mutex> lock(mutex);
-    workerThread = std::thread([address = connector, manager = this] {
-        const ConnectorGate::Pin pin(address, ConnectorGate::Visitor::RetryThread);
-        if (pin) manager->retryWorkerThread();
-    });
-    workerThread.detach();
+// Puts a start that was refused in the place of the one that ends; false when there is none. Under `mutex`.
+bool NIPCConnector::AsyncRetryManager::takeRefusedStart() {
+    if (!startRefused) return false;
+    startRefused = false;
+    operation.swap(refusedOperation);
+    operationName.swap(refusedName);
+    attemptCount = 0;
+    startTime = timeSource().now();
+    return true;
 }
 
 void NIPCConnector::AsyncRetryManager::stopRetry() {

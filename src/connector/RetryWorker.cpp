@@ -101,14 +101,7 @@ void NIPCConnector::AsyncRetryManager::loadOperation(Run& run) {
 // before it and is found, or after it and gets a worker of its own.
 bool NIPCConnector::AsyncRetryManager::goesRoundAgain(bool succeeded) {
     const std::lock_guard<std::mutex> lock(mutex);
-    if (succeeded && active && startRefused) {
-        startRefused = false;
-        operation.swap(refusedOperation);
-        operationName.swap(refusedName);
-        attemptCount = 0;
-        startTime = timeSource().now();
-        return true;
-    }
+    if (succeeded && active && takeRefusedStart()) return true;
     if (succeeded) active = false;
     threadFinished = true;
     condition.notify_all();

@@ -54,6 +54,7 @@ std::int32_t NIPCConnector::startService(const ServerStartRecord& record) {
         const std::lock_guard<std::mutex> lock(connectionMutex);
         nipcHandle = guards->serviceHandle;
         isConnected = true;
+        retryManager.forgetRefusedStart();
     }
     return status;
 }
