@@ -1,3 +1,6 @@
+#include <algorithm>
+#include <limits>
+
 #include "connector/CallbackManager.h"
 #include "connector/ConnectedClients.h"
 #include "connector/Limits.h"
@@ -12,7 +15,9 @@ namespace nipcconnector {
 bool NIPCConnector::publishEvent(const std::string& eventType) { return publishEvent(eventType, nullptr, 0); }
 
 bool NIPCConnector::publishEvent(const std::string& eventType, const std::string& data) {
-    return publishEvent(eventType, data.data(), static_cast<unsigned int>(data.size()));
+    // Of a string whose length is beyond the type the greatest length is refused, where a cut one might pass.
+    const std::size_t length = std::min<std::size_t>(data.size(), std::numeric_limits<unsigned int>::max());
+    return publishEvent(eventType, data.data(), static_cast<unsigned int>(length));
 }
 
 bool NIPCConnector::publishEvent(const std::string& eventType, const char* data, unsigned int length) {

@@ -48,9 +48,14 @@ RequestStatus NIPCConnector::makeAsyncRequest(const std::string& /*service*/, co
     NIPC_LOG(logger, debug, "Sending async request with payload %s", PayloadText(data, length).c_str());
     const std::uint64_t id = manager->registerCallback(std::move(callback));
     NIPC_LOG(logger, debug, "Registered callback with id %llu", static_cast<unsigned long long>(id));
-    if (nipcSendAsyncRequest(manager->getFunctionId(requestName), data, length, contextOf(id))) {
-        return RequestStatus::Success;
+    bool sent = false;
+    try {
+        sent = nipcSendAsyncRequest(manager->getFunctionId(requestName), data, length, contextOf(id));
+    } catch (...) {
+        manager->removeCallback(id);
+        throw;
     }
+    if (sent) return RequestStatus::Success;
     NIPC_LOG(logger, error, "Failed to send async request, deregistering callback");
     manager->removeCallback(id);
     countAsyncRequestFailure(requestName, "SendRequestFailed", length);

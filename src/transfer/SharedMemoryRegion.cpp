@@ -10,10 +10,10 @@ namespace {
 
 // A file tells its size, and reading past its end would be fatal. An ashmem device tells 0, and checks the
 // length by itself when it is mapped.
-bool isTooShort(int descriptor, std::uint32_t bytes) {
+bool mayBeTooShort(int descriptor, std::uint32_t bytes) {
     struct stat status {};
-    return fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode) &&
-           static_cast<std::uint64_t>(status.st_size) < bytes;
+    if (fstat(descriptor, &status) != 0) return true;  // Not to be trusted: too big for 32 bits, for one.
+    return S_ISREG(status.st_mode) && static_cast<std::uint64_t>(status.st_size) < bytes;
 }
 
 }  // namespace
@@ -28,7 +28,7 @@ bool SharedMemoryRegion::create(std::uint32_t bytes) {
 
 bool SharedMemoryRegion::mapReceived(std::int32_t receivedDescriptor, std::uint32_t bytes) {
     descriptor = receivedDescriptor;
-    const bool mapped = !isTooShort(descriptor, bytes) && map(bytes);
+    const bool mapped = !mayBeTooShort(descriptor, bytes) && map(bytes);
     if (descriptor >= 0) close(descriptor);
     descriptor = -1;
     return mapped;
