@@ -12,7 +12,9 @@ namespace smarthome {
 /// implementations of the contract.
 enum class RequestStatus : std::int32_t {
     Success = 0,  ///< The request was sent (asynchronous) or answered (synchronous).
-    Failure = 4,  ///< It was not; the log and the metrics name the reason.
+    /// It was not. The metrics or the log mostly name the reason. A large asynchronous request that was not
+    /// acknowledged in time, and a synchronous one whose answer did not come, may have been executed.
+    Failure = 4,
 };
 
 /// What a synchronous request returns.
@@ -43,8 +45,10 @@ using EventHandler = std::function<void(const char* data, unsigned int length)>;
 using SyncRequestHandler = std::function<std::vector<char>(const char* data, unsigned int length)>;
 
 /// Answers an asynchronous request by calling `respond`, now or later, from any thread, with up to
-/// 5 MiB. `requestId` tells concurrent requests apart ("<client id>_<request context>"). `data` is valid
-/// only during the call. Every call of `respond` sends one more answer; the client takes the first.
+/// 5 MiB. `requestId` is "<client id>_<request context>" and tells the open requests apart, except those of
+/// a recurring callback, which all have the same one per client ("<client id>_1"). `data` is valid only
+/// during the call. Every call of `respond` sends one more answer: a callback of one request takes the
+/// first, the recurring callback takes all.
 using AsyncRequestHandler = std::function<void(
     const char* data, unsigned int length,
     std::function<void(bool success, const char* data, unsigned int length)> respond, const std::string& requestId)>;

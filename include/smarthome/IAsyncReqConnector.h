@@ -20,12 +20,13 @@ public:
 
     /// Client: sends a request with `length` bytes at `data` (0 to 5242880; the caller keeps them, they
     /// are copied before the call returns) and returns without waiting for the answer. From 16384 bytes
-    /// on the call waits up to 3 s for the service to take the payload over.
+    /// on the call waits up to 3 s for the service to take the payload over, and before that up to 3 s for
+    /// each transfer of this connector that is ahead of it.
     ///
     /// After Success, `callback` runs at most once, on a delivery thread with no lock of the library
-    /// held; it never runs when the service does not answer, and there is no time limit. After Failure it
-    /// never runs. A request made while disconnected fails, is not queued, and starts a reconnection.
-    /// `service` names the addressee, for implementations that reach more than one.
+    /// held; it never runs when the service does not answer, and there is no time limit. Where Failure
+    /// is returned it does not run from then on. A request made while disconnected fails, is not queued, and starts a
+    /// reconnection. `service` names the addressee, for implementations that reach more than one.
     virtual RequestStatus makeAsyncRequest(const std::string& service, const std::string& requestName, const char* data,
                                            unsigned int length, AsyncResponseCallback callback) = 0;
 

@@ -33,7 +33,8 @@ public:
 
     /// Publishes an event with `length` bytes at `data`, 0 to 5242880 of them, which the caller keeps and
     /// which are copied before the call returns. Never waits for a slow subscriber while `length` is
-    /// below 16384; longer events wait up to 3 s for each subscriber in turn. True means that the event
+    /// below 16384; longer events wait up to 3 s for each subscriber in turn, and up to 3 s for each
+    /// transfer of this connector that is ahead. True means that the event
     /// was handed out, not that each subscriber got it: failed sends are logged and recorded one by one.
     virtual bool publishEvent(const std::string& eventType, const char* data, unsigned int length) = 0;
 
