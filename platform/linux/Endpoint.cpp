@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdio>
 
+#include "Restart.h"
 #include "Settings.h"
 #include "Trust.h"
 
@@ -61,8 +62,10 @@ int dialIn(const std::string& path, std::uint16_t uuid, int sendLimitMs, PacketS
     if (!socket.valid()) return -errno;
     socket.setSendLimit(sendLimitMs);  // which bounds the connecting as well
     const sockaddr_un address = addressIn(directory, socketName(uuid));
+    Restart restart(socket.fd(), SO_SNDTIMEO);
     while (::connect(socket.fd(), generic(address), sizeof(address)) != 0) {
         if (errno != EINTR) return errno == EAGAIN ? -ETIMEDOUT : -errno;
+        if (!restart.allowed()) return -ETIMEDOUT;
     }
     connected = std::move(socket);
     return 0;

@@ -5,6 +5,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "Restart.h"
+
 namespace nexnipc {
 namespace {
 
@@ -58,9 +60,13 @@ int PacketSocket::send(const FrameHeader& header, const void* payload, int descr
         std::memcpy(CMSG_DATA(part), &descriptor, sizeof(int));
     }
     const int flags = MSG_NOSIGNAL | (wait == Wait::No ? MSG_DONTWAIT : 0);
+    Restart restart(fd_.get(), SO_SNDTIMEO);
     for (;;) {
         if (::sendmsg(fd_.get(), &message, flags) >= 0) return 0;
-        if (errno == EINTR) continue;
+        if (errno == EINTR) {
+            if (restart.allowed()) continue;
+            return -EAGAIN;
+        }
         return errno == EPIPE || errno == ENOTCONN ? -ECONNRESET : -errno;
     }
 }
@@ -73,11 +79,13 @@ int PacketSocket::receiveInto(FrameHeader& header, void* payload, std::size_t ca
     message.msg_iovlen = capacity == 0 ? 1 : 2;
     message.msg_control = control;
     message.msg_controllen = sizeof(control);
-    ssize_t length = 0;
-    do {
+    Restart restart(fd_.get(), SO_RCVTIMEO);
+    ssize_t length = ::recvmsg(fd_.get(), &message, MSG_CMSG_CLOEXEC);
+    while (length < 0) {
+        if (errno != EINTR) return -errno;
+        if (!restart.allowed()) return -EAGAIN;
         length = ::recvmsg(fd_.get(), &message, MSG_CMSG_CLOEXEC);
-    } while (length < 0 && errno == EINTR);
-    if (length < 0) return -errno;
+    }
     if (length == 0) return -ECONNRESET;
     const unsigned count = adoptDescriptors(message, descriptor);
     const bool lost = (message.msg_flags & MSG_CTRUNC) != 0;

@@ -1,10 +1,12 @@
 // What is promised of shared regions, their acknowledgements, and of peers that do not read.
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 
 #include "PlatformTest.h"
 
@@ -210,6 +212,17 @@ TEST_F(SharingTest, ARequestToAServiceThatDoesNotReadFailsAfterAWhile) {
     nex_status_t status = 0;
     while (sent < 10000 && (status = client.request(kRequest, kPacket)) == 0) ++sent;
     EXPECT_EQ(status, -ETIMEDOUT);
+    // Signals do not begin the time anew.
+    struct sigaction before {};
+    struct sigaction ignorant {};
+    ignorant.sa_handler = [](int) {};
+    sigaction(SIGALRM, &ignorant, &before);
+    const itimerval often{{0, 500000}, {0, 500000}};
+    const itimerval never{};
+    setitimer(ITIMER_REAL, &often, nullptr);
+    EXPECT_EQ(client.request(kRequest, kPacket), -ETIMEDOUT);
+    setitimer(ITIMER_REAL, &never, nullptr);
+    sigaction(SIGALRM, &before, nullptr);
     release.set();
     for (std::size_t i = 0; i < sent; ++i) service.next(kRequest);
     EXPECT_EQ(client.call(kRequest, "again").response, "again");
