@@ -3,12 +3,15 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "nex_nipc.h"
+
 // What goes over the sockets: one packet is one frame, a header and at most kInlineLimit bytes. Both ends run
 // on one machine, so integers are in host order. README.md shows the fields of every type.
 namespace nexnipc {
 
 constexpr std::uint32_t kInlineLimit = 16384;
 constexpr std::uint32_t kMetadataLimit = 64;
+constexpr std::uint32_t kShareLimit = 5U << 20;  // what a shared region's metadata may claim
 constexpr std::uint32_t kChannelsPerClient = 128;
 constexpr std::uint32_t kMagic = 0x4350494e;
 constexpr std::uint16_t kVersion = 1;
@@ -42,6 +45,12 @@ static_assert(offsetof(FrameHeader, context) == 8);
 static_assert(offsetof(FrameHeader, sequence) == 16);
 static_assert(offsetof(FrameHeader, status) == 20);
 static_assert(sizeof(FrameHeader) == 24);
+
+// Functions that no ordinary frame carries: those of Share and Ack.
+inline bool hasOwnFrame(std::uint16_t functionId) {
+    return functionId == CLIENT_SHARE_FD_ID || functionId == SERVER_SHARE_FD_ID ||
+           functionId == CLIENT_FD_PROCESSING_COMPLETED_ID || functionId == SERVER_FD_PROCESSING_COMPLETED_ID;
+}
 
 enum HelloFlags : std::uint16_t {
     kHelloProbe = 1,  // asks who is there and goes away; the service does not see a client

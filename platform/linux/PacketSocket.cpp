@@ -86,8 +86,8 @@ int PacketSocket::receiveInto(FrameHeader& header, void* payload, std::size_t ca
         if (!restart.allowed()) return -EAGAIN;
         length = ::recvmsg(fd_.get(), &message, MSG_CMSG_CLOEXEC);
     }
+    const unsigned count = adoptDescriptors(message, descriptor);  // which an empty packet may bring as well
     if (length == 0) return -ECONNRESET;
-    const unsigned count = adoptDescriptors(message, descriptor);
     const bool lost = (message.msg_flags & MSG_CTRUNC) != 0;
     if (lost && count == 0) return -EMFILE;
     if (lost || count > 1 || (message.msg_flags & MSG_TRUNC) != 0) return -EPROTO;

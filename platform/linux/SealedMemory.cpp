@@ -1,8 +1,10 @@
 #include "SealedMemory.h"
 
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 
 #include <cerrno>
 
@@ -15,6 +17,9 @@ constexpr int kCopySeals = kRegionSeals | F_SEAL_WRITE;
 bool isSealed(int memory, int seals, std::uint64_t length) {
     const int present = ::fcntl(memory, F_GET_SEALS);
     if (present < 0 || (present & seals) != seals) return false;
+    // Huge pages could not be unmapped by a length that is not a multiple of theirs.
+    struct statfs system {};
+    if (::fstatfs(memory, &system) != 0 || static_cast<std::uint32_t>(system.f_type) == HUGETLBFS_MAGIC) return false;
     struct stat status {};
     return ::fstat(memory, &status) == 0 && static_cast<std::uint64_t>(status.st_size) >= length;
 }

@@ -36,7 +36,8 @@ IncomingShare::IncomingShare(Packet& packet) : descriptor_(std::move(packet.desc
     if (message_.metadata == nullptr) return;
     ShareFdMetadata known;
     std::memcpy(&known, metadata_.data(), sizeof(known));
-    if (!isSealedRegion(descriptor_.get(), known.length)) return;
+    // The listener copies what is claimed, even of a region that is all holes.
+    if (known.length > kShareLimit || !isSealedRegion(descriptor_.get(), known.length)) return;
     raw_ = descriptor_.get();
     belongsToListener_ = known.length > 0;
 }

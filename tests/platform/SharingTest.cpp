@@ -64,6 +64,7 @@ TEST_F(SharingTest, OnlyASealedRegionOfTheClaimedSizeIsDelivered) {
         {"whole", regionOf("payload"), 7, 10, true, true, "payload"},
         {"unsealed", unsealedRegion(), 7, 10, true, true, ""},
         {"shorter than claimed", regionOf("payload"), 8, 10, true, true, ""},
+        {"longer than any payload", regionOf(std::string(5242881, 'x')), 5242881, 10, true, true, ""},
         {"not a region", open("/dev/null", O_RDWR | O_CLOEXEC), 7, 10, true, true, ""},
         {"no length", regionOf("payload"), 0, 10, true, true, ""},
         {"no descriptor", -1, 7, 10, false, true, ""},
