@@ -31,17 +31,12 @@ nex_status_t guarded(Work work) noexcept {
 
 bool isMissing(const void* bytes, std::uint32_t length) { return bytes == nullptr && length > 0; }
 
-bool isShareId(std::uint16_t functionId) {
-    return functionId == CLIENT_SHARE_FD_ID || functionId == SERVER_SHARE_FD_ID;
-}
-
-// What both requests and callbacks must be like.
+// What both requests and callbacks must be like. `acknowledgement` is the one that such a record may be.
 template <typename Record>
-int check(const Record* record) {
-    if (record == nullptr || isMissing(record->payload, record->length) || isShareId(record->functionId)) {
-        return -EINVAL;
-    }
-    return 0;
+int check(const Record* record, std::uint16_t acknowledgement) {
+    if (record == nullptr || isMissing(record->payload, record->length)) return -EINVAL;
+    const bool ordinary = !nexnipc::hasOwnFrame(record->functionId);
+    return ordinary || record->functionId == acknowledgement ? 0 : -EINVAL;
 }
 
 }  // namespace
@@ -76,7 +71,7 @@ nex_status_t nexNipc_disconnect(int32_t* handle) {
 }
 
 nex_status_t nexNipc_rpcAsync(int32_t handle, AsyncRpcRecord* record) {
-    if (const int status = check(record)) return status;
+    if (const int status = check(record, CLIENT_FD_PROCESSING_COMPLETED_ID)) return status;
     if (record->length > kInlineLimit) return -EMSGSIZE;
     return guarded([&] {
         const auto client = Process::get().clients.find(handle);
@@ -85,7 +80,7 @@ nex_status_t nexNipc_rpcAsync(int32_t handle, AsyncRpcRecord* record) {
 }
 
 nex_status_t nexNipc_rpcSync(int32_t handle, SyncRpcRecord* record) {
-    if (const int status = check(record)) return status;
+    if (const int status = check(record, 0)) return status;
     if (isMissing(record->response, record->responseLength)) return -EINVAL;
     return guarded([&] {
         const auto client = Process::get().clients.find(handle);
@@ -94,7 +89,7 @@ nex_status_t nexNipc_rpcSync(int32_t handle, SyncRpcRecord* record) {
 }
 
 nex_status_t nexNipc_callback(int32_t handle, uint16_t clientId, CallbackRecord* record) {
-    if (const int status = check(record)) return status;
+    if (const int status = check(record, SERVER_FD_PROCESSING_COMPLETED_ID)) return status;
     if (record->length > kInlineLimit) return -EMSGSIZE;
     return guarded([&] {
         const auto service = Process::get().services.find(handle);

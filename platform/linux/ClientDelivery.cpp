@@ -42,9 +42,8 @@ bool Client::handlePacket(Packet& packet) {
 
 bool Client::handleCallback(Packet& packet) {
     const FrameHeader& header = packet.header;
-    const bool forged = header.functionId == CLIENT_SHARE_FD_ID || header.functionId == SERVER_SHARE_FD_ID ||
-                        header.functionId == SERVER_FD_PROCESSING_COMPLETED_ID;
-    if (forged || packet.outOfLine() || packet.descriptor.valid() || packet.descriptorLost) return false;
+    const bool descriptor = packet.descriptor.valid() || packet.descriptorLost;
+    if (hasOwnFrame(header.functionId) || packet.outOfLine() || descriptor) return false;
     Call call;
     call.type = CALLBACK;
     call.peerId = uuid_;

@@ -14,10 +14,6 @@ namespace {
 
 thread_local std::int32_t deliveredHandle = 0;
 
-bool isShareId(std::uint16_t functionId) {
-    return functionId == CLIENT_SHARE_FD_ID || functionId == SERVER_SHARE_FD_ID;
-}
-
 }  // namespace
 
 bool Service::delivers(std::int32_t handle) { return deliveredHandle == handle; }
@@ -145,8 +141,8 @@ bool ServiceDelivery::handle(Session& session, Packet& packet) {
 
 bool ServiceDelivery::handleAsync(Session& session, Packet& packet) {
     const FrameHeader& header = packet.header;
-    const bool forged = isShareId(header.functionId) || header.functionId == CLIENT_FD_PROCESSING_COMPLETED_ID;
-    if (forged || packet.outOfLine() || packet.descriptor.valid() || packet.descriptorLost) return false;
+    const bool descriptor = packet.descriptor.valid() || packet.descriptorLost;
+    if (hasOwnFrame(header.functionId) || packet.outOfLine() || descriptor) return false;
     Call call;
     call.type = ASYNC_FUNCTION;
     call.peerId = session.id;
@@ -177,7 +173,7 @@ bool ServiceDelivery::handleShare(Session& session, Packet& packet) {
 bool ServiceDelivery::handleSync(Session& session, Packet& packet) {
     const FrameHeader& header = packet.header;
     const bool descriptor = packet.descriptor.valid() || packet.descriptorLost;
-    if (isShareId(header.functionId) || packet.outOfLine() != descriptor) return false;
+    if (hasOwnFrame(header.functionId) || packet.outOfLine() != descriptor) return false;
     if (!session.slots.wasOpened(static_cast<std::uint32_t>(header.status))) return false;
     Call call;
     call.type = SYNC_FUNCTION;

@@ -146,7 +146,10 @@ const struct Violation {
     {"more than a packet may hold", header(FrameType::AsyncRequest, kRequest, 16385), 16385},
     {"a length without end", header(FrameType::AsyncRequest, kRequest, 0xFFFFFFFFU), 4},
     {"a share identifier in a request", header(FrameType::AsyncRequest, SERVER_SHARE_FD_ID, 0), 0},
+    {"an acknowledgement as request", header(FrameType::AsyncRequest, 1000, 0), 0},
+    {"the other side's as request", header(FrameType::AsyncRequest, 1001, 0), 0},
     {"a share identifier in a call", header(FrameType::SyncRequest, SERVER_SHARE_FD_ID, 0), 0},
+    {"an acknowledgement as call", header(FrameType::SyncRequest, 1000, 0), 0},
     {"a descriptor unasked", header(FrameType::AsyncRequest, kRequest, 4), 4, 1},
 #ifndef NIPC_TEST_EMULATOR  // qemu-user takes in descriptors that it then cannot hand over.
     {"many descriptors", header(FrameType::Share, SERVER_SHARE_FD_ID, 10), 10, 8},
@@ -163,7 +166,11 @@ const Violation kToClient[] = {
     {"a frame of the other direction", header(FrameType::AsyncRequest, kEvent, 0), 0},
     {"more than announced", header(FrameType::Callback, kEvent, 4), 5},
     {"a share identifier in an event", header(FrameType::Callback, CLIENT_SHARE_FD_ID, 0), 0},
+    {"an acknowledgement as event", header(FrameType::Callback, 1001, 0), 0},
+    {"the other side's as event", header(FrameType::Callback, 1000, 0), 0},
     {"a descriptor unasked", header(FrameType::Callback, kEvent, 0), 0, 1},
+    {"an event on the control lane", header(FrameType::Callback, kEvent, 0), 0, 0, true},
+    {"a channel unasked", header(FrameType::ChannelOpened, 0, 0), 0, 1, true},
 };
 
 }  // namespace
@@ -199,6 +206,10 @@ TEST_F(HostilePeerTest, AClientThatBreaksTheRulesLosesItsConnectionAlone) {
     for (const Violation& v : kToService) {
         SCOPED_TRACE(v.name);
         const Client peer = letIn();
+        if (v.frame.type == FrameType::SyncRequest && v.frame.status == 0) {
+            peer.control.send(bytesOf(header(FrameType::OpenChannel, 0, 0)));
+            close(peer.control.receiveDescriptor());
+        }
         const RawPeer& lane = v.onControl ? peer.control : peer.main;
         lane.send(packet(v.frame, v.payload), v.descriptors > 0 ? null_ : -1, v.descriptors);
         EXPECT_TRUE(peer.main.isClosed());
@@ -301,25 +312,28 @@ TEST_F(HostilePeerTest, AServiceThatBreaksTheRulesIsReportedDown) {
     const auto greet = [&](Endpoint& client, const std::string& bytes, int descriptor) {
         std::future<nex_status_t> status = std::async(std::launch::async, [&] { return client.connect(kUuid); });
         RawPeer peer = listener.accept();
-        if (!bytes.empty()) peer.send(bytes, descriptor);
+        if (!bytes.empty() || descriptor >= 0) peer.send(bytes, descriptor);
         return std::make_pair(status.get(), std::move(peer));
     };
-    int control[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, control), 0);
-    const RawPeer ours(control[0]);
-    const RawPeer theirs(control[1]);
 
     Endpoint refused;
-    EXPECT_NE(greet(refused, bytesOf(greeting) + bytesOf(strange), control[1]).first, 0);
-    EXPECT_NE(greet(refused, bytesOf(greeting) + bytesOf(welcome), -1).first, 0);
     EXPECT_NE(greet(refused, "", -1).first, 0);
+    const std::size_t descriptors = descriptorCount(getpid());
+    EXPECT_NE(greet(refused, bytesOf(greeting) + bytesOf(strange), null_).first, 0);
+    EXPECT_NE(greet(refused, bytesOf(greeting) + bytesOf(welcome), -1).first, 0);
+    EXPECT_NE(greet(refused, "", null_).first, 0);
     EXPECT_EQ(refused.count(NEX_NIPC_EVENT_CONNECTION_DONE), 0U);
+    EXPECT_EQ(descriptorCount(getpid()), descriptors);
     for (const Violation& v : kToClient) {
         SCOPED_TRACE(v.name);
+        int control[2];
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, control), 0);
+        const RawPeer ours(control[0]);
         Endpoint client;
         const auto [status, peer] = greet(client, bytesOf(greeting) + bytesOf(welcome), control[1]);
+        close(control[1]);
         ASSERT_EQ(status, 0);
-        peer.send(packet(v.frame, v.payload), v.descriptors > 0 ? null_ : -1, v.descriptors);
+        (v.onControl ? ours : peer).send(packet(v.frame, v.payload), v.descriptors > 0 ? null_ : -1, v.descriptors);
         EXPECT_TRUE(peer.isClosed());
         client.next(NEX_NIPC_EVENT_SERVER_DOWN);
         EXPECT_NE(client.request(kRequest, "x"), 0);
