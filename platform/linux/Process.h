@@ -53,12 +53,15 @@ public:
         const auto found = ended_.find(handle);
         return found == ended_.end() ? nullptr : found->second.lock();
     }
-    // Everything there is, and nothing is added after it.
+    // Everything there is, also what ended but is still running, and nothing is added after it.
     std::vector<std::shared_ptr<Object>> close() {
         std::lock_guard<std::mutex> lock(mutex_);
         closed_ = true;
         std::vector<std::shared_ptr<Object>> all;
         for (const auto& entry : objects_) all.push_back(entry.second);
+        for (const auto& entry : ended_) {
+            if (auto object = entry.second.lock()) all.push_back(std::move(object));
+        }
         return all;
     }
 

@@ -2,6 +2,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <future>
 
@@ -78,6 +79,25 @@ int ending(const std::vector<std::string>& arguments) {
     std::exit(0);
 }
 
+std::atomic<bool> leftListener{false};
+
+// Ends while a listener that has disconnected its own handle is still running.
+int selfended(const std::vector<std::string>& arguments) {
+    std::atexit([] { say(leftListener ? "after it" : "during it"); });  // Runs after the platform's.
+    static Signal inside;
+    static Endpoint& client = *new Endpoint([](Endpoint& self, const Message& message, nexNipc_parameter_t&) {
+        if (message.id != NEX_NIPC_EVENT_CONNECTION_DONE) return;
+        self.disconnect();
+        inside.set();
+        std::int32_t nobody = 1 << 20;
+        while (nexNipc_disconnect(&nobody) != 0) std::this_thread::yield();  // Until the process goes quiet.
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        leftListener = true;
+    });
+    if (client.connect(uuidOf(arguments)) != 0 || !inside.wait()) return 1;
+    std::exit(0);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -86,7 +106,8 @@ int main(int argc, char** argv) {
                                 {"starved", starved},
                                 {"stranger", stranger},
                                 {"descriptors", descriptors},
-                                {"ending", ending}});
+                                {"ending", ending},
+                                {"selfended", selfended}});
     if (status >= 0) return status;
     testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();

@@ -81,10 +81,11 @@ TEST_F(ServiceTest, DisconnectWaitsForTheListenerAndNoneRunsAfterIt) {
     Signal inside;
     Signal release;
     std::atomic<bool> left{false};
+    std::atomic<int> calls{0};
     Endpoint service;
     ASSERT_EQ(service.start(kUuid), 0);
     Endpoint client([&](Endpoint&, const Message& message, nexNipc_parameter_t&) {
-        if (message.id != kEvent) return;
+        if (message.id != kEvent || ++calls > 1) return;
         inside.set();
         release.wait();
         left = true;
@@ -93,11 +94,12 @@ TEST_F(ServiceTest, DisconnectWaitsForTheListenerAndNoneRunsAfterIt) {
     const std::uint16_t id = service.next(NEX_NIPC_EVENT_CLIENT_CONNECTED).peer;
     ASSERT_EQ(service.callback(id, kEvent, ""), 0);
     ASSERT_TRUE(inside.wait());
-    EXPECT_EQ(service.callback(id, kEvent, ""), 0);  // Not delivered any more: it would set `inside` twice.
+    EXPECT_EQ(service.callback(id, kEvent, ""), 0);  // Not delivered any more.
     std::future<bool> disconnected = std::async(std::launch::async, [&] { return client.disconnect() == 0 && left; });
     EXPECT_EQ(disconnected.wait_for(100ms), std::future_status::timeout);
     release.set();
     EXPECT_TRUE(disconnected.get());
+    EXPECT_EQ(calls, 1);
     EXPECT_EQ(service.next(NEX_NIPC_EVENT_CLIENT_DISCONNECTED).peer, id);
     EXPECT_EQ(service.callback(id, kEvent, ""), -ENOTCONN);
 }
@@ -147,6 +149,14 @@ TEST_F(ServiceTest, AtExitItGoesQuietAndAnswersLateCalls) {
     EXPECT_EQ(ending.hear(), "disconnect 0");
     EXPECT_EQ(ending.wait(), 0);
     service.next(NEX_NIPC_EVENT_CLIENT_DISCONNECTED);
+}
+
+TEST_F(ServiceTest, ExitWaitsForAListenerThatEndedItsOwnHandle) {
+    Endpoint service;
+    ASSERT_EQ(service.start(kUuid), 0);
+    Process ending({"selfended", std::to_string(kUuid)});
+    EXPECT_EQ(ending.hear(), "after it");
+    EXPECT_EQ(ending.wait(), 0);
 }
 
 TEST_F(ServiceTest, OnlyASafeDirectoryIsUsedAndItIsCheckedEachTime) {
