@@ -191,26 +191,29 @@ int Service::reserveClient(pid_t pid) {
 }
 
 void Service::forget(Session& session) {
-    releaseChannels(session.peer.pid, session.channels.exchange(0));
     std::lock_guard<std::mutex> lock(mutex_);
     sessions_.erase(session.id);
     const auto use = peers_.find(session.peer.pid);
-    if (use != peers_.end() && --use->second.clients == 0) peers_.erase(use);
+    use->second.channels -= session.channels;
+    if (--use->second.clients == 0) peers_.erase(use);
     Process::get().clientIds.release(session.id);
 }
 
-bool Service::reserveChannel(pid_t pid) {
+bool Service::reserveChannel(Session& session) {
     std::lock_guard<std::mutex> lock(mutex_);
-    const auto use = peers_.find(pid);
-    if (use == peers_.end() || use->second.channels >= kChannelsPerPeer) return false;
-    ++use->second.channels;
+    if (sessions_.count(session.id) == 0) return false;
+    PeerUse& use = peers_.find(session.peer.pid)->second;
+    if (use.channels >= kChannelsPerPeer) return false;
+    ++use.channels;
+    ++session.channels;
     return true;
 }
 
-void Service::releaseChannels(pid_t pid, unsigned count) {
+void Service::releaseChannel(Session& session) {
     std::lock_guard<std::mutex> lock(mutex_);
-    const auto use = peers_.find(pid);
-    if (use != peers_.end()) use->second.channels -= count;
+    if (sessions_.count(session.id) == 0) return;  // all of them were released with it
+    --peers_.find(session.peer.pid)->second.channels;
+    --session.channels;
 }
 
 void Service::resume(std::uint16_t clientId) {

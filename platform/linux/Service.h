@@ -41,8 +41,8 @@ public:
     void acknowledged(std::uint16_t clientId);
     // Lane: a client's queue has drained.
     void resume(std::uint16_t clientId);
-    bool reserveChannel(pid_t pid);
-    void releaseChannels(pid_t pid, unsigned count);
+    bool reserveChannel(Session& session);
+    void releaseChannel(Session& session);
 
     // Whether the calling thread is the delivery thread of that handle.
     static bool delivers(std::int32_t handle);

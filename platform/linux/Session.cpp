@@ -141,8 +141,7 @@ bool Session::handleControl(const Packet& packet) {
             return openChannel();
         case FrameType::CloseChannel:
             if (!slots.close(header.sequence)) return false;
-            --channels;
-            service->releaseChannels(peer.pid, 1);
+            service->releaseChannel(*this);
             return true;
         default:
             return false;
@@ -154,21 +153,18 @@ bool Session::openChannel() {
     answer.type = FrameType::ChannelOpened;
     PacketSocket theirs;
     const std::shared_ptr<Service> service = service_.lock();
-    const bool granted = service && service->reserveChannel(peer.pid);
+    const bool granted = service && service->reserveChannel(*this);
     const int channel = granted ? slots.open(theirs) : -EUSERS;
     int status = channel;
     if (channel >= 0) {
         answer.sequence = static_cast<std::uint32_t>(channel);
         status = control_.send(answer, nullptr, theirs.fd(), Wait::No);
-        if (status == 0) {
-            ++channels;
-            return true;
-        }
+        if (status == 0) return true;
         slots.close(answer.sequence);
         answer.sequence = 0;
     }
     // Also when too many descriptors are under way, which may be another process's doing.
-    if (granted) service->releaseChannels(peer.pid, 1);
+    if (granted) service->releaseChannel(*this);
     answer.status = status;
     return control_.send(answer, nullptr, -1, Wait::No) == 0;
 }

@@ -43,7 +43,7 @@ public:
     const PacketSocket main;
     SyncSlots slots;
     AckSequence acks;
-    std::atomic<unsigned> channels{0};
+    unsigned channels = 0;  // the service's to count
     std::atomic<bool> closed{false};
 
 private:
