@@ -65,7 +65,7 @@ void Acceptor::onDeadline() { lane_.watch(laneId(), EPOLLIN); }
 
 void Acceptor::admit(Fd connection) {
     Peer peer;
-    const int status = identifyPeer(connection.get(), peer);
+    const int status = identifyPeer(connection.get(), trustedGroup_, peer);
     PacketSocket socket(std::move(connection));
     if (status != 0) return refuse(socket, status);
     if (halfOpen_.size() >= kHalfOpenLimit) halfOpen_.front()->drop();

@@ -3,6 +3,7 @@
 #include <list>
 #include <memory>
 #include <mutex>
+#include <optional>
 
 #include "Lane.h"
 #include "PacketSocket.h"
@@ -16,8 +17,8 @@ class Service;
 // The listening socket of a service. Lane only, but for close().
 class Acceptor : public LaneSource, public std::enable_shared_from_this<Acceptor> {
 public:
-    Acceptor(Lane& lane, Fd listener, std::weak_ptr<Service> service)
-        : lane_(lane), listener_(std::move(listener)), service_(std::move(service)) {}
+    Acceptor(Lane& lane, Fd listener, std::optional<unsigned> trustedGroup, std::weak_ptr<Service> service)
+        : lane_(lane), listener_(std::move(listener)), trustedGroup_(trustedGroup), service_(std::move(service)) {}
 
     // Any thread; 0 or a negative errno.
     int open();
@@ -34,6 +35,7 @@ private:
 
     Lane& lane_;
     const PacketSocket listener_;
+    const std::optional<unsigned> trustedGroup_;
     const std::weak_ptr<Service> service_;
     std::mutex mutex_;  // of the two below; taken before the lane's
     std::uint64_t source_ = 0;

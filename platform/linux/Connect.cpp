@@ -13,6 +13,7 @@
 #include "Endpoint.h"
 #include "Presence.h"
 #include "Process.h"
+#include "Settings.h"
 #include "Trust.h"
 
 namespace nexnipc {
@@ -65,7 +66,7 @@ int awaitReadable(const PacketSocket& socket, Clock::time_point deadline) {
 
 int handshake(std::uint16_t uuid, PacketSocket socket, Connection& connection) {
     Peer peer;
-    if (const int status = identifyPeer(socket.fd(), peer)) return status;
+    if (const int status = identifyPeer(socket.fd(), trustedGroup(), peer)) return status;
     Hello hello;
     hello.uuid = uuid;
     FrameHeader header;

@@ -62,7 +62,9 @@ int Service::open() {
     wakeup.data.u64 = ServiceDelivery::kInbox;
     if (::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, wakeup_.get(), &wakeup) != 0) return -errno;
     if (const int status = endpoint_.offer(uuid)) return status;
-    acceptor_ = std::make_shared<Acceptor>(Process::get().lane, endpoint_.takeListener(), weak_from_this());
+    // The group is looked up here and not for each client: the lane does not wait for a directory of users.
+    acceptor_ =
+        std::make_shared<Acceptor>(Process::get().lane, endpoint_.takeListener(), trustedGroup(), weak_from_this());
     return 0;
 }
 

@@ -30,15 +30,14 @@ bool isMember(int socket, gid_t primary, gid_t wanted) {
 
 }  // namespace
 
-int identifyPeer(int socket, Peer& peer) {
+int identifyPeer(int socket, std::optional<unsigned> trustedGroup, Peer& peer) {
     ucred credentials{};
     socklen_t size = sizeof(credentials);
     if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0) return -errno;
     peer.pid = credentials.pid;
     peer.uid = credentials.uid;
     if (isOurs(credentials.uid)) return 0;
-    const std::optional<unsigned> group = trustedGroup();
-    return group && isMember(socket, credentials.gid, *group) ? 0 : -EACCES;
+    return trustedGroup && isMember(socket, credentials.gid, *trustedGroup) ? 0 : -EACCES;
 }
 
 int checkDirectory(const struct stat& status) {

@@ -2,6 +2,8 @@
 
 #include <sys/types.h>
 
+#include <optional>
+
 struct stat;
 
 namespace nexnipc {
@@ -13,7 +15,7 @@ struct Peer {
 };
 
 // Fills `peer`; 0, -EACCES for somebody we do not talk to, or another negative errno.
-int identifyPeer(int socket, Peer& peer);
+int identifyPeer(int socket, std::optional<unsigned> trustedGroup, Peer& peer);
 
 // Whether sockets may live in such a directory: 0 or -EPERM.
 int checkDirectory(const struct stat& status);
