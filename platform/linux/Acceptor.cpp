@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "Service.h"
+#include "Undo.h"
 
 namespace nexnipc {
 namespace {
@@ -71,7 +72,8 @@ void Acceptor::admit(Fd connection) {
     if (halfOpen_.size() >= kHalfOpenLimit) halfOpen_.front()->drop();
     auto half = std::make_shared<HalfOpen>(shared_from_this(), std::move(socket), peer);
     halfOpen_.push_back(half);
-    if (half->open() != 0) half->drop();
+    Undo undo([&] { half->drop(); });
+    if (half->open() == 0) undo.dismiss();
 }
 
 int HalfOpen::open() {

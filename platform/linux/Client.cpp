@@ -4,12 +4,14 @@
 
 #include <cerrno>
 #include <string>
+#include <utility>
 
 #include "Lane.h"
 #include "Process.h"
 #include "Settings.h"
 #include "ShareFrame.h"
 #include "Thread.h"
+#include "Undo.h"
 
 namespace nexnipc {
 namespace {
@@ -37,13 +39,14 @@ int Client::connect(std::int32_t* handle, const ClientConnectRecord& record) {
     if (const int status = establish(record.uuid, record.userContext, connection)) return status;
     const auto client = std::make_shared<Client>(process.nextHandle(), record, std::move(connection));
     if (!process.clients.add(client->handle, client)) return -ECANCELED;
-    const std::int32_t before = *handle;
-    *handle = client->handle;
+    const std::int32_t before = std::exchange(*handle, client->handle);
+    Undo undo([&] {
+        *handle = before;
+        process.clients.cancel(client->handle);
+        client->shutdown();
+    });
     const int status = client->open();
-    if (status == 0) return 0;
-    *handle = before;
-    process.clients.remove(client->handle);
-    client->shutdown();
+    if (status == 0) undo.dismiss();
     return status;
 }
 
@@ -101,7 +104,6 @@ void Client::onControl(PacketBatch& scratch) {
     const PacketBatch::Result result = scratch.receive(control_, Wait::No);
     bool good = result.status == 0 || result.status == -EAGAIN;
     for (unsigned i = 0; i < result.count; ++i) good = handleControl(scratch[i]) && good;
-    scratch.discard();
     if (!good) shutdown();
 }
 

@@ -123,6 +123,7 @@ void Lane::run() {
             const epoll_event& event = events[static_cast<std::size_t>(i)];
             const std::shared_ptr<LaneSource> source = find(event.data.u64);
             if (source) guarded(source, [&] { source->onReady(event.events, *scratch_); });
+            scratch_->discard();
         }
         runDeadlines(Clock::now());
     }

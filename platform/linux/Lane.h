@@ -20,7 +20,7 @@ class Lane;
 class LaneSource {
 public:
     virtual ~LaneSource() = default;
-    // `scratch` is for whatever packets it wants to read. It must not block.
+    // `scratch` is for whatever packets it wants to read; descriptors left there are closed. It must not block.
     virtual void onReady(std::uint32_t events, PacketBatch& scratch) = 0;
     virtual void onDeadline() {}
     // Memory ran out in one of the above; whatever was being done is given up.

@@ -47,6 +47,15 @@ public:
         }
         return object;
     }
+    // Takes back an add() that nobody has made use of.
+    void cancel(std::int32_t handle) noexcept {
+        std::shared_ptr<Object> dropped;  // destroyed after the lock
+        std::lock_guard<std::mutex> lock(mutex_);
+        const auto found = objects_.find(handle);
+        if (found == objects_.end()) return;
+        dropped = std::move(found->second);
+        objects_.erase(found);
+    }
     // One that was removed from inside its listener, which may still be running.
     std::shared_ptr<Object> findEnded(std::int32_t handle) {
         std::lock_guard<std::mutex> lock(mutex_);

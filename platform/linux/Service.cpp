@@ -6,11 +6,13 @@
 
 #include <cerrno>
 #include <ctime>
+#include <utility>
 
 #include "Process.h"
 #include "ServiceDelivery.h"
 #include "Settings.h"
 #include "Thread.h"
+#include "Undo.h"
 
 namespace nexnipc {
 namespace {
@@ -40,15 +42,16 @@ int Service::start(std::int32_t* handle, const ServerStartRecord& record) {
     const std::shared_ptr<Acceptor> acceptor = service->acceptor_;
     const auto delivery = std::make_shared<ServiceDelivery>(service);
     if (!process.services.add(service->handle, service)) return -ECANCELED;
-    const std::int32_t before = *handle;
-    *handle = service->handle;
+    const std::int32_t before = std::exchange(*handle, service->handle);
+    Undo undo([&] {
+        *handle = before;
+        process.services.cancel(service->handle);
+        service->stop();
+    });
     const std::string name = "nipc-svc-" + std::to_string(service->uuid);
     int status = startThread(name.c_str(), [delivery] { delivery->run(); });
     if (status == 0) status = acceptor->open();
-    if (status == 0) return 0;
-    *handle = before;
-    process.services.remove(service->handle);
-    service->stop();
+    if (status == 0) undo.dismiss();
     return status;
 }
 
@@ -134,7 +137,8 @@ void Service::welcome(PacketSocket main, Peer peer, bool probe) {
     header.type = FrameType::Welcome;
     header.length = sizeof(welcome);
     PacketSocket theirControl;
-    std::shared_ptr<Session> session;
+    std::list<std::shared_ptr<Session>> arrival(1);  // made before the welcome, after which nothing may fail
+    std::shared_ptr<Session>& session = arrival.front();
     if (!probe) header.status = admit(main, peer, theirControl, session);
     if (session) welcome.clientId = session->id;
     {
@@ -149,7 +153,7 @@ void Service::welcome(PacketSocket main, Peer peer, bool probe) {
     if (session->main.send(header, &welcome, theirControl.fd(), Wait::No) != 0) session->shutdown();
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        arrived_.push_back(session);
+        arrived_.splice(arrived_.end(), arrival);
     }
     wake();
 }
@@ -159,26 +163,21 @@ int Service::admit(PacketSocket& main, Peer peer, PacketSocket& theirControl, st
     if (const int status = PacketSocket::pair(control, theirControl)) return status;
     const std::uint16_t id = Process::get().clientIds.take();
     if (id == 0) return -EUSERS;
-    int status = reserveClient(peer.pid);
-    if (status != 0) {
-        Process::get().clientIds.release(id);
-        return status;
-    }
-    auto admitted = std::make_shared<Session>(id, peer, std::move(main), std::move(control), Process::get().lane,
-                                              budget_, weak_from_this());
-    status = admitted->attach();
-    if (status == 0) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (stopped_) status = -ECONNREFUSED;
-        if (status == 0) sessions_.emplace(id, admitted);
-    }
-    if (status == 0) {
-        session = std::move(admitted);
-        return 0;
-    }
-    admitted->shutdown();
-    forget(*admitted);
-    return status;
+    Undo noId([id] { Process::get().clientIds.release(id); });
+    if (const int status = reserveClient(peer.pid)) return status;
+    Undo noClient([&] { releaseClient(peer.pid); });
+    const auto admitted = std::make_shared<Session>(id, peer, std::move(main), std::move(control), Process::get().lane,
+                                                    budget_, weak_from_this());
+    Undo noSession([&] { admitted->shutdown(); });
+    if (const int status = admitted->attach()) return status;
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (stopped_) return -ECONNREFUSED;
+    sessions_.emplace(id, admitted);
+    session = admitted;
+    noSession.dismiss();
+    noClient.dismiss();
+    noId.dismiss();
+    return 0;
 }
 
 int Service::reserveClient(pid_t pid) {
@@ -192,12 +191,21 @@ int Service::reserveClient(pid_t pid) {
     return 0;
 }
 
+void Service::releaseClient(pid_t pid) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    releaseClientLocked(pid);
+}
+
+void Service::releaseClientLocked(pid_t pid) {
+    const auto use = peers_.find(pid);
+    if (--use->second.clients == 0) peers_.erase(use);
+}
+
 void Service::forget(Session& session) {
     std::lock_guard<std::mutex> lock(mutex_);
     sessions_.erase(session.id);
-    const auto use = peers_.find(session.peer.pid);
-    use->second.channels -= session.channels;
-    if (--use->second.clients == 0) peers_.erase(use);
+    peers_.find(session.peer.pid)->second.channels -= session.channels;
+    releaseClientLocked(session.peer.pid);
     Process::get().clientIds.release(session.id);
 }
 

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <list>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -61,6 +62,8 @@ private:
     int open();
     int admit(PacketSocket& main, Peer peer, PacketSocket& theirControl, std::shared_ptr<Session>& session);
     int reserveClient(pid_t pid);
+    void releaseClient(pid_t pid);
+    void releaseClientLocked(pid_t pid);
     void forget(Session& session);
     std::shared_ptr<Session> find(std::uint16_t clientId);
     void wake();
@@ -77,8 +80,8 @@ private:
     std::mutex mutex_;  // taken before those of sessions
     std::unordered_map<std::uint16_t, std::shared_ptr<Session>> sessions_;
     std::map<pid_t, PeerUse> peers_;
-    std::vector<std::shared_ptr<Session>> arrived_;  // for the delivery thread
-    std::vector<std::uint16_t> resumed_;             // for the delivery thread
+    std::list<std::shared_ptr<Session>> arrived_;  // for the delivery thread
+    std::vector<std::uint16_t> resumed_;           // for the delivery thread
 };
 
 }  // namespace nexnipc

@@ -62,7 +62,7 @@ void ServiceDelivery::finish() {
 void ServiceDelivery::takeInbox() {
     std::uint64_t count = 0;
     [[maybe_unused]] const ssize_t read = ::read(service_.wakeup_.get(), &count, sizeof(count));
-    std::vector<SessionPtr> arrived;
+    std::list<SessionPtr> arrived;
     std::vector<std::uint16_t> resumed;
     {
         std::lock_guard<std::mutex> lock(service_.mutex_);

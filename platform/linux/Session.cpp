@@ -119,7 +119,6 @@ void Session::onControl(PacketBatch& scratch) {
     const bool ended = result.status == -ECONNRESET;
     bool good = ended || result.status == 0 || result.status == -EAGAIN;
     for (unsigned i = 0; good && i < result.count; ++i) good = handleControl(scratch[i]);
-    scratch.discard();
     if (!good) return shutdown();
     if (!ended) return;
     // The client is leaving. What it sent before is still in the main socket, whose end is the session's.
