@@ -77,7 +77,14 @@ void ServiceDelivery::takeInbox() {
 }
 
 void ServiceDelivery::arrive(const SessionPtr& session) {
-    active_.emplace(session->id, session);
+    try {
+        active_.emplace(session->id, session);
+    } catch (...) {
+        // Out of memory for this client: it alone is given up, before anybody has heard of it.
+        session->shutdown();
+        service_.forget(*session);
+        return;
+    }
     Call call = Call::event(NEX_NIPC_EVENT_CLIENT_CONNECTED, session->id);
     service_.upcall.run(call);
     if (!watch(*session, EPOLL_CTL_ADD, EPOLLIN)) leave(session);
