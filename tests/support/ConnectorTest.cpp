@@ -22,11 +22,11 @@ Subject ConnectorTest::make(Role role, const nipcconnector::NIPCServiceConfig& c
     return subjects.emplace_back(Subject{name, journal, connector});
 }
 
-Subject ConnectorTest::makeBare(Role role, const nipcconnector::NIPCServiceConfig& config) {
+Subject ConnectorTest::makeBare(Role role) {
     auto journal = std::make_shared<Journal>("bare");
-    auto connector = std::make_shared<NIPCConnector>(role == Role::Client, "bare", config, recordingLogger(journal),
-                                                     recordingRecorder(journal));
-    journal->clear();
+    auto connector =
+        std::make_shared<NIPCConnector>(role == Role::Client, "bare", nipcconnector::NIPCServiceConfig{"service", 7},
+                                        recordingLogger(journal), recordingRecorder(journal));
     return subjects.emplace_back(Subject{"bare", journal, connector});
 }
 
@@ -34,7 +34,7 @@ Subject ConnectorTest::up(Subject subject) {
     EXPECT_TRUE(subject->initialize());
     const bool isClient = subject.journal->count("Starting non-blocking connection to VLRS service") > 0;
     EXPECT_TRUE(!isClient || subject.journal->waitFor("Retry stopped for NIPC_CLIENT_INIT"));
-    EXPECT_TRUE(Access::isConnected(*subject));
+    EXPECT_TRUE(Access::state(*subject).connected);
     subject.journal->clear();
     return subject;
 }
@@ -43,16 +43,24 @@ void ConnectorTest::expectConnected(const Subject& subject, std::size_t connects
     EXPECT_TRUE(platform.waitForCalls(Operation::Connect, connects));
     EXPECT_TRUE(subject.journal->waitFor("Retry stopped for NIPC_CLIENT_INIT"));
     const auto calls = platform.calls(Operation::Connect);
+    const Access::State state = Access::state(*subject);
     ASSERT_EQ(calls.size(), connects);
-    EXPECT_EQ(Access::handle(*subject), calls.back().handle);
-    EXPECT_TRUE(Access::isConnected(*subject));
-    EXPECT_FALSE(Access::isConnecting(*subject));
+    EXPECT_EQ(state.handle, calls.back().handle);
+    EXPECT_TRUE(state.connected);
+    EXPECT_FALSE(state.connecting);
     EXPECT_FALSE(Access::retryManager(*subject).isActive());
 }
 
 void ConnectorTest::clientConnects(std::uint16_t clientId) {
     clients.push_back(clientId);
     platform.deliverEvent(NEX_NIPC_EVENT_CLIENT_CONNECTED, clientId);
+}
+
+void ConnectorTest::tell(const Subject& client, std::uint16_t eventId, std::int32_t status) {
+    Message message{EVENT, 0, 0, eventId, {}, 0, status};
+    message.listener = &Access::clientListener;
+    message.userContext = client.connector.get();
+    platform.deliver(message);
 }
 
 }  // namespace nipctest

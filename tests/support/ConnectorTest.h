@@ -40,9 +40,8 @@ struct Subject {
     NIPCConnector& operator*() const { return *connector; }
 
     /// Compares everything since the last call, format strings included.
-    void expectJournal(const std::vector<Line>& lines, const std::vector<std::string>& metrics) const {
+    void expectJournal(const Lines& lines) const {
         EXPECT_EQ(journal->lines(), lines);
-        EXPECT_EQ(journal->metrics(), metrics);
         journal->clear();
     }
 };
@@ -57,7 +56,7 @@ protected:
     /// As the factory makes it, not yet initialized.
     Subject make(Role role, const nipcconnector::NIPCServiceConfig& config = {"service", 7});
     /// Built without the factory: no callback manager.
-    Subject makeBare(Role role, const nipcconnector::NIPCServiceConfig& config = {"service", 7});
+    Subject makeBare(Role role);
     Subject connectedClient() { return up(make(Role::Client)); }
     Subject startedServer() { return up(make(Role::Server)); }
     /// Initializes it, waits until it is up and clears its journal.
@@ -65,6 +64,8 @@ protected:
     /// The client's worker has ended and the client is connected with the newest handle.
     void expectConnected(const Subject& subject, std::size_t connects);
     void clientConnects(std::uint16_t clientId);
+    /// An event that tells this client of its connection.
+    void tell(const Subject& client, std::uint16_t eventId, std::int32_t status = 0);
 
     FakePlatform& platform = FakePlatform::instance();
     FakeTime& time = FakeTime::instance();

@@ -8,24 +8,19 @@ namespace nipcconnector {
 
 /// The unit tests' view of the connector's members.
 struct ConnectorTestAccess {
-    static bool isConnected(NIPCConnector& connector) {
+    struct State {
+        bool connected, connecting;
+        std::int32_t handle;
+    };
+    static State state(NIPCConnector& connector) {
         const std::lock_guard<std::mutex> lock(connector.connectionMutex);
-        return connector.isConnected;
-    }
-    static bool isConnecting(NIPCConnector& connector) {
-        const std::lock_guard<std::mutex> lock(connector.connectionMutex);
-        return connector.isConnecting;
-    }
-    static std::int32_t handle(NIPCConnector& connector) {
-        const std::lock_guard<std::mutex> lock(connector.connectionMutex);
-        return connector.nipcHandle;
+        return {connector.isConnected, connector.isConnecting, connector.nipcHandle};
     }
     static bool fdAckReceived(NIPCConnector& connector) {
         const std::lock_guard<std::mutex> lock(connector.fdAckMutex);
         return connector.fdAckReceived;
     }
     static auto& retryManager(NIPCConnector& connector) { return connector.retryManager; }
-    static std::mutex& connectionMutex(NIPCConnector& connector) { return connector.connectionMutex; }
     static std::mutex& statsMutex(NIPCConnector& connector) { return connector.statsMutex; }
     static auto& connectionStartTime(NIPCConnector& connector) { return connector.connectionStartTime; }
     static auto& asyncRequestFailureCount(NIPCConnector& connector) { return connector.asyncRequestFailureCount; }
@@ -41,8 +36,8 @@ struct ConnectorTestAccess {
                              const std::vector<smarthome::TalvoraDimension>& dimensions) {
         connector.recordMetric(name, dimensions);
     }
-    static bool initClient(NIPCConnector& connector) { return connector.initClient(); }
     static bool deinitClient(NIPCConnector& connector) { return connector.deinitClient(); }
+    static int clientListener(nexNipc_parameter_t* parameter) { return NIPCConnector::clientListener(parameter); }
     static bool processFd(NIPCConnector& connector, nexNipc_parameter_t* parameter) {
         return connector.processFd(parameter);
     }

@@ -32,23 +32,9 @@ Call describeMessage(Operation operation, std::int32_t handle, const Record& rec
     return call;
 }
 
-/// A platform refuses bytes that are not there.
-bool isMissingBytes(const Call& call) { return call.nullPayload && call.length > 0; }
-
-std::string readDescriptor(int descriptor, std::size_t size) {
-    std::string bytes(size, '\0');
-    const ssize_t got = pread(descriptor, bytes.data(), size, 0);
-    bytes.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
-    return bytes;
-}
-
 int makeMemory(const char* name, std::size_t size) {
     const int descriptor = memfd_create(name, MFD_CLOEXEC);
-    if (descriptor >= 0 && ftruncate(descriptor, static_cast<off_t>(size)) != 0) {
-        close(descriptor);
-        return -1;
-    }
-    return descriptor;
+    return ftruncate(descriptor, static_cast<off_t>(size)) == 0 ? descriptor : -1;
 }
 
 }  // namespace
@@ -67,17 +53,12 @@ void FakePlatform::reset() {
     acknowledgesShares = regionsCanBeMapped = true;
 }
 
-void FakePlatform::failNext(Operation operation, nex_status_t status, int times) {
+void FakePlatform::failNext(Operation operation, nex_status_t status, std::size_t times) {
     const std::lock_guard<std::mutex> lock(mutex);
-    scriptOf(operation).results.insert(scriptOf(operation).results.end(), static_cast<std::size_t>(times), status);
+    scriptOf(operation).results.assign(times, status);
 }
 
-void FakePlatform::failAlways(Operation operation, nex_status_t status) {
-    const std::lock_guard<std::mutex> lock(mutex);
-    scriptOf(operation).standing = status;
-}
-
-void FakePlatform::onCall(Operation operation, std::function<void(const Call&)> hook) {
+void FakePlatform::onNextCall(Operation operation, std::function<void(const Call&)> hook) {
     const std::lock_guard<std::mutex> lock(mutex);
     scriptOf(operation).hook.swap(hook);
 }
@@ -102,29 +83,24 @@ void FakePlatform::forgetCalls() {
 
 bool FakePlatform::waitForCalls(Operation operation, std::size_t count, std::chrono::milliseconds limit) const {
     std::unique_lock<std::mutex> lock(mutex);
+    const auto matches = [operation](const Call& call) { return call.operation == operation; };
     return called.wait_for(lock, limit, [&] {
-        return static_cast<std::size_t>(std::count_if(recorded.begin(), recorded.end(), [operation](const Call& call) {
-                   return call.operation == operation;
-               })) >= count;
+        return static_cast<std::size_t>(std::count_if(recorded.begin(), recorded.end(), matches)) >= count;
     });
 }
 
-std::optional<FakePlatform::Endpoint> FakePlatform::endpoint(std::int32_t handle) const {
+FakePlatform::Endpoint FakePlatform::endpoint(std::int32_t handle) const {
     const std::lock_guard<std::mutex> lock(mutex);
     const auto found = std::find_if(endpoints.rbegin(), endpoints.rend(), [handle](const Endpoint& candidate) {
         return handle == -1 || candidate.handle == handle;
     });
-    return found == endpoints.rend() ? std::nullopt : std::optional<Endpoint>(*found);
-}
-
-nexNipc_listener_t FakePlatform::listener() const {
-    const auto newest = endpoint(-1);
-    return newest ? newest->listener : nullptr;
+    return found == endpoints.rend() ? Endpoint{-1, false, nullptr, nullptr} : *found;
 }
 
 Delivered FakePlatform::deliver(const Message& message) {
-    const auto target = endpoint(message.handle);
-    if (!target) return {-ENOTCONN, 0, 0, {}};
+    const Endpoint target = endpoint(message.handle);
+    const auto listener = message.listener != nullptr ? message.listener : target.listener;
+    if (listener == nullptr) return {-ENOTCONN, 0, 0, {}};
 
     std::vector<char> buffer(std::max(listenerBufferSize, message.payload.size()));
     std::copy(message.payload.begin(), message.payload.end(), buffer.begin());
@@ -134,14 +110,14 @@ Delivered FakePlatform::deliver(const Message& message) {
     parameter.type = message.type;
     parameter.functionId = message.functionId;
     parameter.eventId = message.eventId;
-    parameter.userContext = message.userContext != nullptr ? message.userContext : target->userContext;
+    parameter.userContext = message.userContext != nullptr ? message.userContext : target.userContext;
     parameter.requestContext = reinterpret_cast<void*>(message.requestContext);
     if (!message.nullPointers) {
         parameter.length = &delivered.length;
         parameter.status = &delivered.status;
-        parameter.data = buffer.data();
+        parameter.data = message.share != nullptr ? static_cast<void*>(message.share) : buffer.data();
     }
-    delivered.result = target->listener(&parameter);
+    delivered.result = listener(&parameter);
     delivered.data.assign(buffer.data(), std::min<std::size_t>(delivered.length, buffer.size()));
     return delivered;
 }
@@ -160,42 +136,29 @@ Delivered FakePlatform::deliverRequest(NipcMessageType type, std::uint16_t funct
     return deliver({static_cast<std::uint32_t>(type), clientId, functionId, 0, payload, requestContext, -1});
 }
 
-Delivered FakePlatform::deliverShare(const SharedMessage& message) {
-    const auto target = endpoint(-1);
-    if (!target) return {-ENOTCONN, 0, 0, {}};
-
-    ShareFdMetadata metadata{message.claimedLength.value_or(static_cast<std::uint32_t>(message.payload.size())),
-                             message.functionId, message.requestContext};
-    std::int32_t descriptor = message.descriptor.value_or(-1);  // The listener closes it.
-    if (!message.descriptor) {
-        descriptor = makeMemory("nipc_connector_payload", message.payload.size());
-        if (pwrite(descriptor, message.payload.data(), message.payload.size(), 0) < 0) return {-EIO, 0, 0, {}};
+Delivered FakePlatform::deliverShare(const SharedMessage& shared) {
+    ShareFdMetadata metadata{shared.claimedLength.value_or(static_cast<std::uint32_t>(shared.payload.size())),
+                             shared.functionId, shared.requestContext};
+    std::int32_t descriptor = shared.descriptor.value_or(-1);  // The listener closes it.
+    if (!shared.descriptor) {
+        descriptor = makeMemory("nipc_connector_payload", shared.payload.size());
+        if (pwrite(descriptor, shared.payload.data(), shared.payload.size(), 0) < 0) return {-EIO, 0, 0, {}};
     }
-    ShareFdMsg share{};
-    share.fdCount = 1;
-    share.metadataSize = sizeof metadata;
-    share.fds = message.nullDescriptors ? nullptr : &descriptor;
-    share.metadata = message.nullMetadata ? nullptr : &metadata;
-
-    Delivered delivered{0, 0, sizeof share, {}};
-    nexNipc_parameter_t parameter{};
-    parameter.peerId = message.peerId;
-    parameter.type = target->isServer ? ASYNC_FUNCTION : CALLBACK;
-    parameter.functionId = target->isServer ? SERVER_SHARE_FD_ID : CLIENT_SHARE_FD_ID;
-    parameter.length = &delivered.length;
-    parameter.status = &delivered.status;
-    parameter.data = &share;
-    parameter.userContext = message.userContext != nullptr ? message.userContext : target->userContext;
-    delivered.result = (message.receiver != nullptr ? message.receiver : target->listener)(&parameter);
-    return delivered;
+    ShareFdMsg share{1, sizeof metadata, shared.nullDescriptors ? nullptr : &descriptor,
+                     shared.nullMetadata ? nullptr : &metadata, 0};
+    Message message = shared.message;
+    const bool toServer = endpoint(message.handle).isServer;
+    message.type = toServer ? ASYNC_FUNCTION : CALLBACK;
+    message.functionId = toServer ? SERVER_SHARE_FD_ID : CLIENT_SHARE_FD_ID;
+    message.share = &share;
+    return deliver(message);
 }
 
 Delivered FakePlatform::deliverAcknowledgement(std::uint16_t clientId, std::int32_t handle) {
-    const auto target = endpoint(handle);
     Message message;
     message.handle = handle;
     message.peerId = clientId;
-    const bool toServer = target && target->isServer;
+    const bool toServer = endpoint(handle).isServer;
     message.type = toServer ? ASYNC_FUNCTION : CALLBACK;
     message.functionId = toServer ? CLIENT_FD_PROCESSING_COMPLETED_ID : SERVER_FD_PROCESSING_COMPLETED_ID;
     return deliver(message);
@@ -205,18 +168,18 @@ nex_status_t FakePlatform::perform(Call call, std::int32_t* newHandle, nexNipc_l
                                    void* userContext) {
     std::unique_lock<std::mutex> lock(mutex);
     Script& script = scriptOf(call.operation);
-    nex_status_t status = script.standing;
+    nex_status_t status = call.nullPayload && call.length > 0 ? -EINVAL : 0;  // Bytes that are not there.
     if (!script.results.empty()) {
         status = script.results.front();
         script.results.pop_front();
     }
-    if (status == 0 && isMissingBytes(call)) status = -EINVAL;
     if (status == 0 && newHandle != nullptr) {
         call.handle = *newHandle = nextHandle++;
         endpoints.push_back({call.handle, call.operation == Operation::Start, newListener, userContext});
     }
     recorded.push_back(call);
-    const auto hook = script.hook;
+    std::function<void(const Call&)> hook;
+    hook.swap(script.hook);
     called.notify_all();
     lock.unlock();
     if (hook) hook(call);
@@ -232,9 +195,10 @@ nex_status_t FakePlatform::share(Operation operation, std::int32_t handle, std::
     call.functionId = metadata.functionId;
     call.length = metadata.length;
     call.requestContext = metadata.requestContext;
-    call.payload = readDescriptor(message.fds[0], metadata.length);
+    call.payload.resize(metadata.length);
+    const ssize_t got = pread(message.fds[0], call.payload.data(), metadata.length, 0);
+    call.payload.resize(static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
     const nex_status_t status = perform(std::move(call));
-
     if (acknowledgesShares && status == 0) deliverAcknowledgement(clientId, handle);
     return status;
 }
@@ -251,10 +215,8 @@ nex_status_t FakePlatform::answerSync(std::int32_t handle, SyncRpcRecord& record
 }
 
 int FakePlatform::makeRegion(const char* name, std::size_t size) {
-    Call call;
-    call.operation = Operation::AshmemCreateRegion;
-    call.length = static_cast<std::uint32_t>(size);
-    call.record = name != nullptr ? name : "";
+    Call call = describe(Operation::AshmemCreateRegion, -1, size);
+    call.payload = name;
     const nex_status_t status = perform(std::move(call));
     if (status != 0) return status;
     return regionsCanBeMapped ? makeMemory(name, size) : open("/dev/null", O_RDWR | O_CLOEXEC);

@@ -50,9 +50,11 @@ struct Message {
     std::string payload;
     std::uintptr_t requestContext = 0;
     std::int32_t status = 0;
-    bool nullPointers = false;    ///< Length, status and data are null.
-    std::int32_t handle = -1;     ///< Whose listener; -1 for the newest.
-    void* userContext = nullptr;  ///< If not the one that was registered with it.
+    bool nullPointers = false;              ///< Length, status and data are null.
+    std::int32_t handle = -1;               ///< Whose listener; -1 for the newest.
+    void* userContext = nullptr;            ///< If not the one that was registered with it.
+    ShareFdMsg* share = nullptr;            ///< In place of the payload.
+    nexNipc_listener_t listener = nullptr;  ///< If not the registered one.
 };
 
 /// A payload that arrives through shared memory.
@@ -60,13 +62,11 @@ struct SharedMessage {
     std::uint16_t functionId = 0;
     std::string payload;
     std::uint32_t requestContext = 0;
-    std::uint16_t peerId = 0;
-    std::optional<std::uint32_t> claimedLength;  ///< If not the payload's.
-    std::optional<std::int32_t> descriptor;      ///< If not that of a new region.
+    std::optional<std::uint32_t> claimedLength{};  ///< If not the payload's.
+    std::optional<std::int32_t> descriptor{};      ///< If not that of a new region.
     bool nullDescriptors = false;
     bool nullMetadata = false;
-    nexNipc_listener_t receiver = nullptr;  ///< Called in place of the registered listener.
-    void* userContext = nullptr;
+    Message message{};  ///< What carries it, apart from type and identifier.
 };
 
 /// What a listener call left behind.
@@ -97,12 +97,10 @@ public:
     /// Forgets calls, script, hooks and listeners.
     void reset();
 
-    /// The next `times` calls of `operation` return `status`; after them the standing result applies.
-    void failNext(Operation operation, nex_status_t status, int times = 1);
-    /// All calls of `operation` return `status` from now on; 0 lets them succeed again.
-    void failAlways(Operation operation, nex_status_t status);
-    /// Runs `hook` inside every call of `operation`, after its handle was written and before it returns.
-    void onCall(Operation operation, std::function<void(const Call&)> hook);
+    /// The next `times` calls of `operation` return `status`.
+    void failNext(Operation operation, nex_status_t status, std::size_t times = 1);
+    /// Runs `hook` inside the next call of `operation`, after its handle was written and before it returns.
+    void onNextCall(Operation operation, std::function<void(const Call&)> hook);
     void answerSyncWith(SyncAnswer answer);
     std::atomic<bool> acknowledgesShares{true};
     std::atomic<bool> regionsCanBeMapped{true};
@@ -120,11 +118,9 @@ public:
     /// A request to a server.
     Delivered deliverRequest(NipcMessageType type, std::uint16_t functionId, const std::string& payload,
                              std::uint16_t clientId, std::uintptr_t requestContext = 0);
-    Delivered deliverShare(const SharedMessage& message);
+    Delivered deliverShare(const SharedMessage& shared);
     /// The peer has copied a shared payload.
     Delivered deliverAcknowledgement(std::uint16_t clientId = 0, std::int32_t handle = -1);
-    /// The listener that was registered last; null when there is none.
-    nexNipc_listener_t listener() const;
 
     /// The operations come in here.
     nex_status_t perform(Call call, std::int32_t* newHandle = nullptr, nexNipc_listener_t newListener = nullptr,
@@ -133,22 +129,23 @@ public:
     nex_status_t answerSync(std::int32_t handle, SyncRpcRecord& record);
     int makeRegion(const char* name, std::size_t size);
 
-private:
     struct Endpoint {
         std::int32_t handle;
         bool isServer;
         nexNipc_listener_t listener;
         void* userContext;
     };
+    /// What was started or connected with this handle, or last when it is -1; one of nulls when nothing was.
+    Endpoint endpoint(std::int32_t handle = -1) const;
+
+private:
     struct Script {
         std::deque<nex_status_t> results;
-        nex_status_t standing = 0;
         std::function<void(const Call&)> hook;
     };
 
     FakePlatform() = default;
     Script& scriptOf(Operation operation) { return scripts[static_cast<std::size_t>(operation)]; }
-    std::optional<Endpoint> endpoint(std::int32_t handle) const;
 
     mutable std::mutex mutex;
     mutable std::condition_variable called;

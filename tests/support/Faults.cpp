@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <new>
@@ -10,9 +11,12 @@
 namespace nipctest {
 namespace {
 
-thread_local int allocationsUntilFailure = 0;
+thread_local int newsToCome = 0;
+thread_local int nothrowNewsToCome = 0;
 
-bool isAllocationToFail() { return allocationsUntilFailure > 0 && --allocationsUntilFailure == 0; }
+void* allocate(std::size_t size, int& untilFailure) {
+    return untilFailure > 0 && --untilFailure == 0 ? nullptr : std::malloc(size > 0 ? size : 1);
+}
 
 /// More than any address space has: creating a thread then fails as it does when memory is short.
 constexpr std::size_t impossibleStackSize = std::size_t{3} << (sizeof(void*) * 8 - 2);
@@ -30,7 +34,13 @@ std::size_t exchangeDefaultStackSize(std::size_t size) {
 
 }  // namespace
 
-void failNothrowNew(int n) { allocationsUntilFailure = n; }
+bool failNew(int n) {
+    const bool pending = newsToCome > 0;
+    newsToCome = n;
+    return pending;
+}
+
+void failNothrowNew(int n) { nothrowNewsToCome = n; }
 
 ThreadShortage::ThreadShortage() : usualStackSize(exchangeDefaultStackSize(impossibleStackSize)) {}
 
@@ -52,20 +62,15 @@ std::size_t sharedMemoryInUse() {
 
 }  // namespace nipctest
 
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    if (nipctest::isAllocationToFail()) return nullptr;
-    try {
-        return ::operator new(size);
-    } catch (const std::bad_alloc&) {
-        return nullptr;
-    }
+void* operator new(std::size_t size) {
+    void* const block = nipctest::allocate(size, nipctest::newsToCome);
+    if (block == nullptr) throw std::bad_alloc();
+    return block;
 }
 
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-    if (nipctest::isAllocationToFail()) return nullptr;
-    try {
-        return ::operator new[](size);
-    } catch (const std::bad_alloc&) {
-        return nullptr;
-    }
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    return nipctest::allocate(size, nipctest::nothrowNewsToCome);
 }
+
+void operator delete(void* block) noexcept { std::free(block); }
+void operator delete(void* block, std::size_t) noexcept { std::free(block); }

@@ -5,7 +5,10 @@
 
 namespace nipctest {
 
-/// The n-th non-throwing allocation of this thread from now on fails; 0 takes that back.
+/// The n-th allocation of this thread from now on throws; 0 takes that back. Tells whether an earlier one was
+/// still to come.
+bool failNew(int n);
+/// The same for the allocations that return null instead.
 void failNothrowNew(int n);
 
 /// While one lives, no thread can be created in this process.

@@ -3,7 +3,6 @@
 #include <chrono>
 #include <cstdarg>
 #include <cstdio>
-#include <sstream>
 
 namespace nipctest {
 namespace {
@@ -23,20 +22,12 @@ std::string describe(const TalvoraDimension& dimension) {
     return "of unknown type";
 }
 
-std::string describe(const std::vector<TalvoraDimension>& dimensions) {
-    std::ostringstream text;
-    for (const auto& dimension : dimensions) text << ' ' << describe(dimension);
-    return text.str();
-}
-
 Line makeLine(char level, const char* format, std::va_list arguments) {
     std::va_list again;
     va_copy(again, arguments);
-    const int size = std::vsnprintf(nullptr, 0, format, arguments);
-    std::string text(static_cast<std::size_t>(size) + 1, '\0');
-    std::vsnprintf(text.data(), text.size(), format, again);
+    std::string text(static_cast<std::size_t>(std::vsnprintf(nullptr, 0, format, arguments)), '\0');
+    std::vsnprintf(text.data(), text.size() + 1, format, again);
     va_end(again);
-    text.pop_back();
     return {level, format, std::move(text)};
 }
 
@@ -45,99 +36,79 @@ Line makeLine(char level, const char* format, std::va_list arguments) {
     va_start(arguments, format);                    \
     Line line = makeLine(level, format, arguments); \
     va_end(arguments)
-#define NIPCTEST_LOG(level)            \
-    {                                  \
-        NIPCTEST_LINE(line, level);    \
-        journal->log(std::move(line)); \
-    }
-#define NIPCTEST_MAKE(level)        \
-    {                               \
-        NIPCTEST_LINE(line, level); \
-        return line;                \
+#define NIPCTEST_LOG(operation, level)                 \
+    void operation(const char* format, ...) override { \
+        NIPCTEST_LINE(line, level);                    \
+        journal->add(std::move(line));                 \
     }
 
-class RecordingLogger : public nipcconnector::ILogger {
-public:
+struct RecordingLogger : nipcconnector::ILogger {
     explicit RecordingLogger(std::shared_ptr<Journal> target) : journal(std::move(target)) {}
-    void info(const char* format, ...) override NIPCTEST_LOG('I') void debug(const char* format, ...) override
-        NIPCTEST_LOG('D') void error(const char* format, ...) override
-        NIPCTEST_LOG('E') void warn(const char* format, ...) override NIPCTEST_LOG('W')
-
-            private : std::shared_ptr<Journal> journal;
+    NIPCTEST_LOG(info, 'I')
+    NIPCTEST_LOG(debug, 'D')
+    NIPCTEST_LOG(error, 'E')
+    NIPCTEST_LOG(warn, 'W')
+    std::shared_ptr<Journal> journal;
 };
 
-class RecordingRecorder : public nipcconnector::IMetricsRecorder {
-public:
+struct RecordingRecorder : nipcconnector::IMetricsRecorder {
     explicit RecordingRecorder(std::shared_ptr<Journal> target) : journal(std::move(target)) {}
     void record(const std::string& metricName, const std::vector<TalvoraDimension>& dimensions) override {
-        journal->record(metricName, dimensions);
+        std::string common, text;
+        for (int id = 1; id <= 13; ++id) common += " #" + std::to_string(id);
+        common += " MetricName=\"" + metricName + "\" ServiceName=\"" + journal->name + "\" Counter=1";
+        for (const auto& dimension : dimensions) text += ' ' + describe(dimension);
+        const bool complete = text.compare(0, common.size(), common) == 0;
+        journal->add(metric(complete ? metricName + text.substr(common.size()) : "not the common dimensions:" + text));
     }
-
-private:
     std::shared_ptr<Journal> journal;
 };
 
 }  // namespace
 
-Line info(const char* format, ...) NIPCTEST_MAKE('I') Line debug(const char* format, ...) NIPCTEST_MAKE('D') Line
-    error(const char* format, ...) NIPCTEST_MAKE('E') Line warn(const char* format, ...) NIPCTEST_MAKE('W')
+#define NIPCTEST_MAKE(operation, level)       \
+    Line operation(const char* format, ...) { \
+        NIPCTEST_LINE(line, level);           \
+        return line;                          \
+    }
+NIPCTEST_MAKE(info, 'I')
+NIPCTEST_MAKE(debug, 'D')
+NIPCTEST_MAKE(error, 'E')
+NIPCTEST_MAKE(warn, 'W')
 
-        void Journal::log(Line line) {
+void Journal::add(Line line) {
     std::unique_lock<std::mutex> lock(mutex);
     ++counts[line.text];
     auto found = hooks.find(line.text);
     if (found == hooks.end()) found = hooks.find(line.format);
     const auto hook = found != hooks.end() ? found->second : nullptr;
     if (found != hooks.end()) hooks.erase(found);
-    loggedLines.push_back(std::move(line));
+    entries.push_back(std::move(line));
     grown.notify_all();
     lock.unlock();
     if (hook) hook();
 }
 
-void Journal::record(const std::string& metricName, const std::vector<TalvoraDimension>& dimensions) {
-    std::string expected;
-    for (int id = 1; id <= 13; ++id) expected += " #" + std::to_string(id);
-    expected += " MetricName=\"" + metricName + "\" ServiceName=\"" + name + "\" Counter=1";
-    std::string text = describe(dimensions);
-    const bool complete = text.compare(0, expected.size(), expected) == 0;
-    text = complete ? metricName + text.substr(expected.size()) : "without the common dimensions:" + text;
-
+Lines Journal::lines() const {
     const std::lock_guard<std::mutex> lock(mutex);
-    ++counts[text];
-    recordedMetrics.push_back(std::move(text));
-    grown.notify_all();
+    return entries;
 }
 
-std::vector<Line> Journal::lines() const {
+std::size_t Journal::count(const std::string& text) const {
     const std::lock_guard<std::mutex> lock(mutex);
-    return loggedLines;
-}
-
-std::vector<std::string> Journal::metrics() const {
-    const std::lock_guard<std::mutex> lock(mutex);
-    return recordedMetrics;
-}
-
-std::size_t Journal::count(const std::string& textOrMetric) const {
-    const std::lock_guard<std::mutex> lock(mutex);
-    const auto found = counts.find(textOrMetric);
+    const auto found = counts.find(text);
     return found == counts.end() ? 0 : found->second;
 }
 
 void Journal::clear() {
     const std::lock_guard<std::mutex> lock(mutex);
-    loggedLines.clear();
-    recordedMetrics.clear();
+    entries.clear();
     counts.clear();
 }
 
-bool Journal::waitFor(const std::string& textOrMetric, std::size_t times) const {
+bool Journal::waitFor(const std::string& text) const {
     std::unique_lock<std::mutex> lock(mutex);
-    return grown.wait_for(lock, std::chrono::seconds(10), [&] {
-        const auto found = counts.find(textOrMetric);
-        return found != counts.end() && found->second >= times;
-    });
+    return grown.wait_for(lock, std::chrono::seconds(10), [&] { return counts.count(text) > 0; });
 }
 
 void Journal::onLine(const std::string& textOrFormat, std::function<void()> hook) {

@@ -14,7 +14,8 @@
 
 namespace nipctest {
 
-/// A log line as the logger got it (`format`) and as a reader sees it (`text`).
+/// A log line as the logger got it (`format`) and as a reader sees it (`text`); or a metric, of level 'M', which
+/// reads `Name Key="value" Number=1`: the caller's dimensions, after the common ones were checked.
 struct Line {
     char level;
     std::string format;
@@ -23,6 +24,7 @@ struct Line {
         return level == other.level && format == other.format && text == other.text;
     }
 };
+using Lines = std::vector<Line>;
 inline std::ostream& operator<<(std::ostream& out, const Line& line) {
     return out << line.level << " \"" << line.text << "\" (" << line.format << ")";
 }
@@ -32,31 +34,28 @@ Line info(const char* format, ...) __attribute__((format(printf, 1, 2)));
 Line debug(const char* format, ...) __attribute__((format(printf, 1, 2)));
 Line error(const char* format, ...) __attribute__((format(printf, 1, 2)));
 Line warn(const char* format, ...) __attribute__((format(printf, 1, 2)));
+inline Line metric(const std::string& text) { return {'M', text, text}; }
 
 /// What one connector logged and measured, in order.
 class Journal {
 public:
     explicit Journal(std::string connectorName) : name(std::move(connectorName)) {}
 
-    void log(Line line);
-    /// A metric reads `Name Key="value" Number=1`: the caller's dimensions, after the common ones were checked.
-    void record(const std::string& metricName, const std::vector<smarthome::TalvoraDimension>& dimensions);
-
-    std::vector<Line> lines() const;
-    std::vector<std::string> metrics() const;
-    std::size_t count(const std::string& textOrMetric) const;
+    void add(Line line);
+    Lines lines() const;
+    std::size_t count(const std::string& text) const;
     void clear();
-    /// Waits until a line of this text, or this metric, has come; false after ten seconds.
-    bool waitFor(const std::string& textOrMetric, std::size_t times = 1) const;
+    /// Waits until a line of this text has come; false after ten seconds.
+    bool waitFor(const std::string& text) const;
     /// Runs `hook` once, on the logging thread, when a line of this text or format comes.
     void onLine(const std::string& textOrFormat, std::function<void()> hook);
 
-private:
     const std::string name;
+
+private:
     mutable std::mutex mutex;
     mutable std::condition_variable grown;
-    std::vector<Line> loggedLines;
-    std::vector<std::string> recordedMetrics;
+    Lines entries;
     std::map<std::string, std::size_t> counts;
     std::map<std::string, std::function<void()>> hooks;
 };

@@ -1,3 +1,5 @@
+#include <fcntl.h>
+
 #include <cstring>
 #include <future>
 
@@ -8,10 +10,14 @@ namespace {
 
 using LargePayload = ConnectorTest;
 const std::string large(20000, 'x');
-const auto noCallback = [](bool, const char*, unsigned int) {};
+const Line processing = debug("Processing fd");
 
-int processFd(nexNipc_parameter_t* parameter) {
-    return Access::processFd(*static_cast<NIPCConnector*>(parameter->userContext), parameter) ? 1 : 0;
+Line received(const char* text, std::size_t length) { return debug("Received data: %s, length: %zu", text, length); }
+Line sendingEvent(std::size_t size) {
+    return debug("Sending %s to clientId %d with payloadSize %zu", "event", 5, size);
+}
+Line failure(const char* operation, const char* reason, std::size_t size) {
+    return metric(std::string(operation) + " FailureReason=\"" + reason + "\" PayloadSize=" + std::to_string(size));
 }
 
 TEST_F(LargePayload, GoesThroughSharedMemoryFromSixteenKilobytesToFiveMegabytes) {
@@ -20,33 +26,32 @@ TEST_F(LargePayload, GoesThroughSharedMemoryFromSixteenKilobytesToFiveMegabytes)
     clientConnects(5);
     const struct {
         unsigned int length;
-        bool accepted;
         std::size_t inlineCalls, regions;
-    } cases[] = {{16383, true, 1, 0}, {16384, true, 0, 1}, {5242880, true, 0, 1}, {5242881, false, 0, 0}};
+    } cases[] = {{16383, 1, 0}, {16384, 0, 1}, {5242880, 0, 1}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.length);
         platform.forgetCalls();
         std::string payload(c.length, 'x');
         payload[1] = '\0';
         payload.back() = 'y';
-        const auto result = client->makeAsyncRequest("", "name", payload.data(), c.length, noCallback);
-        EXPECT_EQ(result, c.accepted ? RequestStatus::Success : RequestStatus::Failure);
+        EXPECT_EQ(client->makeAsyncRequest("", "name", payload.data(), c.length, nullptr), RequestStatus::Success);
         EXPECT_TRUE(server->publishEvent("event", payload));
         EXPECT_EQ(platform.calls(Operation::RpcAsync).size(), c.inlineCalls);
         EXPECT_EQ(platform.calls(Operation::Callback).size(), c.inlineCalls);
         EXPECT_EQ(platform.calls(Operation::AshmemCreateRegion).size(), 2 * c.regions);
-        for (const auto operation : {Operation::ClientShareFd, Operation::ServiceShareFd}) {
-            const auto calls = platform.calls(operation);
+        for (const auto& region : platform.calls(Operation::AshmemCreateRegion)) {
+            EXPECT_EQ(region.payload, "nipc_connector_payload");
+        }
+        for (const bool fromClient : {true, false}) {
+            const auto calls = platform.calls(fromClient ? Operation::ClientShareFd : Operation::ServiceShareFd);
             ASSERT_EQ(calls.size(), c.regions);
             if (calls.empty()) continue;
-            const bool fromClient = operation == Operation::ClientShareFd;
             EXPECT_TRUE(calls[0].payload == payload);
             EXPECT_EQ(calls[0].functionId, computeFunctionId(fromClient ? "name" : "event"));
             EXPECT_EQ(calls[0].clientId, fromClient ? 0 : 5);
             EXPECT_EQ(calls[0].requestContext != 0, fromClient);
         }
     }
-    EXPECT_EQ(platform.calls(Operation::AshmemCreateRegion).size(), 0U);
     EXPECT_EQ(sharedMemoryInUse(), 0U);
 }
 
@@ -56,13 +61,15 @@ TEST_F(LargePayload, SendingFailuresSayWhyAndLeaveNothingBehind) {
                             unsigned int length = 20000) {
         SCOPED_TRACE(reason);
         EXPECT_FALSE(Access::sendLargePayload(*client, data, length));
-        client.expectJournal({{'E', line, line}}, {std::string("sendLargePayload FailureReason=\"") + reason +
-                                                   "\" PayloadSize=" + std::to_string(length)});
+        client.expectJournal({{'E', line, line}, failure("sendLargePayload", reason, length)});
         EXPECT_EQ(sharedMemoryInUse(), 0U);
     };
-    expect("invalid input", "InvalidInput", nullptr, 16384);
     const char* const noRegion = "Failed to create shared memory resource";
+    const std::string tooLarge(5242881, 'x');
+    expect("invalid input", "InvalidInput", nullptr, 16384);
     expect(noRegion, "SharedMemoryCreationFailed", large.data(), 0);
+    expect(noRegion, "SharedMemoryCreationFailed", tooLarge.data(), 5242881);
+    EXPECT_TRUE(platform.calls(Operation::AshmemCreateRegion).empty());
     platform.failNext(Operation::AshmemCreateRegion, -12);
     expect(noRegion, "SharedMemoryCreationFailed");
     platform.regionsCanBeMapped = false;
@@ -84,23 +91,30 @@ TEST_F(LargePayload, SendingFailuresSayWhyAndLeaveNothingBehind) {
     time.waitsExpireAtOnce = true;
     expect("Timed out waiting for FD processing ACK from receiver.", "AckTimeout");
     EXPECT_EQ(time.now() - start, 3'000'000'000U);
+}
 
+TEST_F(LargePayload, AFailureReachesTheCallerOfTheRequestAndTheLogOfTheEvent) {
+    const Line failed = error("Failed to send large payload");
+    const Line noDescriptor = error("Failed to send file descriptor request");
+    const Line measured = failure("sendLargePayload", "SendingFdViaNipcFailed", 20000);
+    const Subject client = connectedClient();
     platform.failNext(Operation::ClientShareFd, -32);
-    client->makeAsyncRequest("", "name", large.data(), 20000, noCallback);
-    const auto lines = client.journal->lines();
-    ASSERT_EQ(lines.size(), 6U);
-    EXPECT_EQ(lines[2], info("Payload length is greater than the max payload size, sending large payload"));
-    EXPECT_EQ(lines[4], error("Failed to send large payload"));
+    EXPECT_EQ(client->makeAsyncRequest("", "name", large.data(), 20000, nullptr), RequestStatus::Failure);
+    client.expectJournal(
+        {debug("Sending async request with payload %s", large.c_str()), debug("Registered callback with id %llu", 2ULL),
+         info("Payload length is greater than the max payload size, sending large payload"), noDescriptor, measured,
+         failed, error("Failed to send async request, deregistering callback"),
+         metric("AsyncRequestFailure RequestName=\"name\" FailureReason=\"SendRequestFailed\" PayloadSize=20000")});
 
     const Subject server = startedServer();
     clientConnects(5);
     server.journal->clear();
     platform.failNext(Operation::ServiceShareFd, -32);
     EXPECT_TRUE(server->publishEvent("event", large));
-    const auto serverLines = server.journal->lines();
-    ASSERT_EQ(serverLines.size(), 5U);
-    EXPECT_EQ(serverLines[2], info("Payload size is greater than the max payload size, sending large payload"));
-    EXPECT_EQ(serverLines[4], error("Failed to send large payload"));
+    server.expectJournal(
+        {debug("Publishing event %s with data size %zu to %zu clients", "event", large.size(), std::size_t{1}),
+         sendingEvent(20000), info("Payload size is greater than the max payload size, sending large payload"),
+         noDescriptor, measured, failed});
 }
 
 TEST_F(LargePayload, TransfersOfOneConnectorDoNotOverlap) {
@@ -129,14 +143,12 @@ TEST_F(LargePayload, ArrivesAcknowledgedAndWhole) {
         seen.assign(data, length);
     });
     client.journal->clear();
-    platform.deliverShare({ASYNC_RESPONSE_SUCCESS_ID, payload, 2, 0, {}, {}, false, false, nullptr});
+    platform.deliverShare({ASYNC_RESPONSE_SUCCESS_ID, payload, 2});
     EXPECT_TRUE(seen == payload);
-    client.expectJournal(
-        {debug("Handle callback"), debug("Processing fd"),
-         debug("Received data: %s, length: %zu", "xxxxxxx", std::size_t{20000}),
-         debug("Sending async ACK back to server"), debug("Sending async request via NIPC"),
-         debug("Handling function callback"), debug("Executed callback with id %llu, functionId %d", 2ULL, 1002)},
-        {});
+    client.expectJournal({debug("Handle callback"), processing, received("xxxxxxx", 20000),
+                          debug("Sending async ACK back to server"), debug("Sending async request via NIPC"),
+                          debug("Handling function callback"),
+                          debug("Executed callback with id %llu, functionId %d", 2ULL, 1002)});
     const Call ack = platform.calls(Operation::RpcAsync).at(1);
     EXPECT_EQ(ack.functionId, CLIENT_FD_PROCESSING_COMPLETED_ID);
     EXPECT_TRUE(ack.nullPayload && ack.length == 0 && ack.requestContext == 0);
@@ -148,77 +160,121 @@ TEST_F(LargePayload, ArrivesAcknowledgedAndWhole) {
     });
     server.journal->clear();
     seen.clear();
-    EXPECT_EQ(
-        platform.deliverShare({computeFunctionId("put"), payload, 0xFFFFFFFF, 5, {}, {}, false, false, nullptr}).status,
-        0);
+    SharedMessage shared{computeFunctionId("put"), payload, 0xFFFFFFFF};
+    shared.message.peerId = 5;
+    EXPECT_EQ(platform.deliverShare(shared).status, 0);
     EXPECT_TRUE(seen == payload);
-    server.expectJournal({debug("received async function"), debug("received share fd function"), debug("Processing fd"),
-                          debug("Received data: %s, length: %zu", "xxxxxxx", std::size_t{20000}),
-                          debug("Sending ACK event to clientId %d", 5),
-                          debug("Sending %s to clientId %d with payloadSize %zu", "event", 5, std::size_t{0}),
-                          debug("Handling async request"), debug("Handling async request with request name %s", "put")},
-                         {});
-    EXPECT_EQ(platform.calls(Operation::Callback).at(0).functionId, SERVER_FD_PROCESSING_COMPLETED_ID);
     platform.deliverAcknowledgement(5);
-    server.expectJournal({debug("received async function"), debug("received client fd processing completed")}, {});
+    const Line async = debug("received async function");
+    server.expectJournal({async, debug("received share fd function"), processing, received("xxxxxxx", 20000),
+                          debug("Sending ACK event to clientId %d", 5), sendingEvent(0),
+                          debug("Handling async request"), debug("Handling async request with request name %s", "put"),
+                          async, debug("received client fd processing completed")});
+    EXPECT_EQ(platform.calls(Operation::Callback).at(0).functionId, SERVER_FD_PROCESSING_COMPLETED_ID);
 }
 
 TEST_F(LargePayload, ReceivingFailuresSayWhy) {
     const Subject client = connectedClient();
+    const auto clientHandle = platform.endpoint().handle;
     const Subject server = startedServer();
-    const Subject bare = makeBare(Role::Server);
-    SharedMessage nullDescriptors, nullMetadata, empty, bad, shortRegion, whole;
+    const auto serverHandle = platform.endpoint().handle;
+    SharedMessage nullDescriptors, nullMetadata, empty, bad, unmappable, shortRegion;
     nullDescriptors.nullDescriptors = nullMetadata.nullMetadata = true;
     nullDescriptors.descriptor = nullMetadata.descriptor = empty.descriptor = bad.descriptor = -1;
     empty.claimedLength = 0;
-    bad.claimedLength = 5;
+    bad.claimedLength = unmappable.claimedLength = 5;
+    unmappable.descriptor = open("/dev/null", O_RDWR | O_CLOEXEC);
     shortRegion.payload = "half";
     shortRegion.claimedLength = 20000;
-    whole.payload = "whole";
-    whole.requestContext = 9;
-    whole.peerId = 5;
-    const auto share = [this](SharedMessage message, const Subject& subject) {
-        message.receiver = processFd;
-        message.userContext = subject.connector.get();
-        return platform.deliverShare(message).result == 1;
-    };
-    const auto expect = [](const char* reason, const Subject& subject, const Line& line, int size,
-                           const std::function<bool()>& receive) {
-        SCOPED_TRACE(reason);
-        subject.journal->clear();
-        EXPECT_FALSE(receive());
-        EXPECT_EQ(subject.journal->lines().back(), line);
-        EXPECT_EQ(subject.journal->metrics().back(),
-                  std::string("processFd FailureReason=\"") + reason + "\" PayloadSize=" + std::to_string(size));
-        EXPECT_EQ(sharedMemoryInUse(), 0U);
-    };
-    const auto expectShared = [&](const char* reason, const Subject& subject, const Line& line, int size,
-                                  const SharedMessage& message) {
-        expect(reason, subject, line, size, [&] { return share(message, subject); });
-    };
-    expect("InvalidInput", client, error("invalid input"), 0, [&] { return Access::processFd(*client, nullptr); });
-    nexNipc_parameter_t blank{};
-    expect("InvalidTaskBuffer", client, error("invalid task buffer"), 0,
-           [&] { return Access::processFd(*client, &blank); });
-    expectShared("InvalidFileDescriptor", client, error("invalid file descriptor"), 0, nullDescriptors);
-    expectShared("InvalidMetadata", client, error("invalid metadata"), 0, nullMetadata);
-    expectShared("InvalidDataLength", client, error("invalid data length"), 0, empty);
-    const Line unreadable = error("failed reading from file descriptor");
-    expectShared("FailedReadingFromFd", client, unreadable, 5, bad);
-    expectShared("FailedReadingFromFd", client, unreadable, 20000, shortRegion);
-    platform.failNext(Operation::RpcAsync, -5);
-    expectShared("FailedSendingAckToServer", client, error("Failed to send async request to server"), 5, whole);
-    platform.failNext(Operation::Callback, -5);
-    expectShared("FailedSendingAckToClient", server, error("Failed to send event to clientId %d", 5), 5, whole);
-    expectShared("FailedHandlingFunctionCallback", client, error("Failed to handle function callback"), 5, whole);
-    expectShared("NoCallbackManagerFound", bare, error("No callback manager found for this connector"), 5, whole);
-    expectShared("FailedHandlingAsyncRequest", server, error("Failed to handle async request"), 5, whole);
+    const SharedMessage whole{2000, "whole", 9};
 
-    server.journal->clear();
-    EXPECT_EQ(platform.deliverShare(empty).status, -1);
-    server.expectJournal({debug("received async function"), debug("received share fd function"), debug("Processing fd"),
-                          error("invalid data length"), error("Failed to process fd")},
-                         {"processFd FailureReason=\"InvalidDataLength\" PayloadSize=0"});
+    const Line unreadable = error("failed reading from file descriptor");
+    const Line arrived = received("whole", 5);
+    const Line toServer = debug("Sending async ACK back to server");
+    const Line sending = debug("Sending async request via NIPC");
+    const Line toClient = debug("Sending ACK event to clientId %d", 5);
+    const Line unhandled = error("Failed to handle async request");
+    const struct {
+        bool toClient;
+        SharedMessage shared;
+        Operation failing;
+        Lines lines;
+        const char* reason;
+        unsigned int size;
+    } cases[] = {
+        {true, nullDescriptors, {}, {error("invalid file descriptor")}, "InvalidFileDescriptor", 0},
+        {true, nullMetadata, {}, {error("invalid metadata")}, "InvalidMetadata", 0},
+        {false, empty, {}, {error("invalid data length")}, "InvalidDataLength", 0},
+        {true, bad, {}, {unreadable}, "FailedReadingFromFd", 5},
+        {true, unmappable, {}, {unreadable}, "FailedReadingFromFd", 5},
+        {true, shortRegion, {}, {unreadable}, "FailedReadingFromFd", 20000},
+        {true,
+         whole,
+         Operation::RpcAsync,
+         {arrived, toServer, sending, error("Failed to send async request, status: %d", -5),
+          error("Failed to send async request to server")},
+         "FailedSendingAckToServer",
+         5},
+        {false,
+         whole,
+         Operation::Callback,
+         {arrived, toClient, sendingEvent(0), error("Failed to send %s to clientId %d, status: %d", "event", 5, -5),
+          metric("EventSendFailure FailureReason=\"NipcCallbackFailedWithStatus-5\" RequestType=\"Event\" "
+                 "PayloadSize=0"),
+          error("Failed to send event to clientId %d", 5)},
+         "FailedSendingAckToClient",
+         5},
+        {true,
+         whole,
+         {},
+         {arrived, toServer, sending, debug("Handling function callback"),
+          error("Callback not found with id %llu, functionId %d", 9ULL, 2000),
+          error("Failed to handle function callback")},
+         "FailedHandlingFunctionCallback",
+         5},
+        {false,
+         whole,
+         {},
+         {arrived, toClient, sendingEvent(0), debug("Handling async request"),
+          debug("Handling async request with request name %s", ""),
+          error("Failed to find async handler for request name %s", ""), unhandled},
+         "FailedHandlingAsyncRequest",
+         5}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.reason);
+        if (c.failing != Operation()) platform.failNext(c.failing, -5);
+        SharedMessage shared = c.shared;
+        shared.message.peerId = 5;
+        shared.message.handle = c.toClient ? clientHandle : serverHandle;
+        EXPECT_EQ(platform.deliverShare(shared).status, c.toClient ? 0 : -1);
+        Lines lines = {debug("Handle callback"), processing};
+        if (!c.toClient) lines = {debug("received async function"), debug("received share fd function"), processing};
+        lines.insert(lines.end(), c.lines.begin(), c.lines.end());
+        lines.push_back(failure("processFd", c.reason, c.size));
+        if (!c.toClient) lines.push_back(error("Failed to process fd"));
+        (c.toClient ? client : server).expectJournal(lines);
+        EXPECT_EQ(sharedMemoryInUse(), 0U);
+    }
+    EXPECT_EQ(fcntl(*unmappable.descriptor, F_GETFD), -1) << "closed though it could not be mapped";
+
+    EXPECT_FALSE(Access::processFd(*client, nullptr));
+    nexNipc_parameter_t blank{};
+    EXPECT_FALSE(Access::processFd(*client, &blank));
+    client.expectJournal({processing, error("invalid input"), failure("processFd", "InvalidInput", 0), processing,
+                          error("invalid task buffer"), failure("processFd", "InvalidTaskBuffer", 0)});
+
+    const Subject bare = makeBare(Role::Server);
+    bare.journal->clear();
+    SharedMessage shared = whole;
+    shared.message.peerId = 5;
+    shared.message.userContext = bare.connector.get();
+    shared.message.listener = [](nexNipc_parameter_t* parameter) {
+        return Access::processFd(*static_cast<NIPCConnector*>(parameter->userContext), parameter) ? 1 : 0;
+    };
+    EXPECT_EQ(platform.deliverShare(shared).result, 0);
+    bare.expectJournal({processing, arrived, toClient, sendingEvent(0), debug("Handling async request"),
+                        error("No callback manager found for this connector"),
+                        failure("processFd", "NoCallbackManagerFound", 5)});
 }
 
 }  // namespace

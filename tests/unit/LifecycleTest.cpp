@@ -1,6 +1,7 @@
 #include <cstring>
 
 #include "ConnectorTest.h"
+#include "connector/Registry.h"
 
 namespace nipctest {
 namespace {
@@ -16,150 +17,186 @@ const Line startingConnection = debug("Starting non-blocking connection to VLRS 
 const Line startingRetry = debug("Starting non-blocking retry for %s", "NIPC_CLIENT_INIT");
 const Line connectSucceeded = info("nexNipc_connect succeeded");
 const Line connected = info("Successfully connected to server");
-const Line retrySucceeded = info("%s succeeded after %d retries", "NIPC_CLIENT_INIT", 0);
 const Line retryStopped = debug("Retry stopped for %s", "NIPC_CLIENT_INIT");
+const Line down = error("NEX_NIPC_EVENT_SERVER_DOWN");
+const Line handlingLoss = debug("Handling server disconnection");
+const Line deinit = debug("deinitClient");
+const Line disconnected = debug("Disconnected from VLRS service");
+const Line notInitiated = error("Failed to initiate reconnection");
 
 Line initializing(const Subject& subject) { return debug("Initializing NIPCConnector for %s", subject.name.c_str()); }
+
+/// The lines, and then those of a connect that succeeds at the first attempt.
+Lines andConnects(Lines lines) {
+    for (const Line& line : {startingConnection, startingRetry, connectSucceeded, connected,
+                             info("%s succeeded after %d retries", "NIPC_CLIENT_INIT", 0), retryStopped}) {
+        lines.push_back(line);
+    }
+    return lines;
+}
 
 TEST_F(Lifecycle, ClientConnectsInTheBackground) {
     const Subject client = make(Role::Client, {"", 7});  // The uuid alone is enough.
     EXPECT_TRUE(client->initialize());
     expectConnected(client, 1);
-    client.expectJournal({initializing(client), startingConnection, startingRetry, connectSucceeded, connected,
-                          retrySucceeded, retryStopped},
-                         {});
-
+    client.expectJournal(andConnects({initializing(client)}));
     ClientConnectRecord record;
     std::memset(&record, 0, sizeof record);
     record.uuid = 7;
-    record.listener = platform.listener();
+    record.listener = platform.endpoint().listener;
     record.messageSize = 16384;
     record.option12 = 1;
     record.userContext = client.connector.get();
     EXPECT_EQ(platform.calls(Operation::Connect)[0].record, bytes(record));
 
     EXPECT_TRUE(client->initialize());
-    client.expectJournal({initializing(client), debug("Already connected to VLRS service")}, {});
+    client.expectJournal({initializing(client), debug("Already connected to VLRS service")});
 }
 
-TEST_F(Lifecycle, ServerStartsAtOnce) {
+TEST_F(Lifecycle, ServerStartsAtOnceOrRetries) {
     const Subject server = make(Role::Server, {"service", 65535});  // So is the name.
-    EXPECT_TRUE(server->initialize());
-    EXPECT_TRUE(server->initialize());
-    server.expectJournal(
-        {initializing(server), debug("Initializing IPC server.."), debug("Initializing IPC server..done"),
-         initializing(server), warn("IpcServer already initialized")},
-        {});
-
+    const Line starting = debug("Initializing IPC server..");
+    EXPECT_TRUE(server->initialize() && server->initialize());
+    server.expectJournal({initializing(server), starting, debug("Initializing IPC server..done"), initializing(server),
+                          warn("IpcServer already initialized")});
     ServerStartRecord record;
     std::memset(&record, 0, sizeof record);
     record.uuid = 65535;
-    record.listener = platform.listener();
+    record.listener = platform.endpoint().listener;
     record.messageSize = 16384;
     record.option16 = 10;
-    record.option20 = 1;
-    record.option32 = 1;
+    record.option20 = record.option32 = 1;
     record.userContext = server.connector.get();
     ASSERT_EQ(platform.calls(Operation::Start).size(), 1U);
     EXPECT_EQ(platform.calls(Operation::Start)[0].record, bytes(record));
-    EXPECT_EQ(Access::handle(*server), platform.calls(Operation::Start)[0].handle);
-}
+    EXPECT_EQ(Access::state(*server).handle, platform.endpoint().handle);
 
-TEST_F(Lifecycle, ServerThatCannotStartAtOnceRetries) {
+    platform.reset();
     platform.failNext(Operation::Start, -98, 2);
-    const Subject server = make(Role::Server);
-    EXPECT_TRUE(server->initialize());
-    ASSERT_TRUE(server.journal->waitFor("Retry stopped for NIPC_SERVER_INIT"));
-    server.expectJournal(
-        {initializing(server), debug("Initializing IPC server.."),
+    const Subject late = make(Role::Server);
+    EXPECT_TRUE(late->initialize());
+    ASSERT_TRUE(late.journal->waitFor("Retry stopped for NIPC_SERVER_INIT"));
+    late.expectJournal(
+        {initializing(late), starting,
          warn("Initial NIPC server start failed (status: %d), starting async retry with 5-minute timeout", -98),
-         debug("Starting non-blocking retry for %s", "NIPC_SERVER_INIT"),
+         metric("ServerInitFailure"), debug("Starting non-blocking retry for %s", "NIPC_SERVER_INIT"),
          warn("%s failed on attempt %d, status: %d, retrying in %dms", "NIPC_SERVER_INIT", 1, -98, 100),
-         info("NIPC server initialization succeeded on retry"),
+         info("NIPC server initialization succeeded on retry"), metric("ServerInitSucceededOnRetry"),
          info("%s succeeded after %d retries", "NIPC_SERVER_INIT", 1),
-         debug("Retry stopped for %s", "NIPC_SERVER_INIT")},
-        {"ServerInitFailure", "ServerInitSucceededOnRetry"});
+         debug("Retry stopped for %s", "NIPC_SERVER_INIT")});
     const auto starts = platform.calls(Operation::Start);
     ASSERT_EQ(starts.size(), 3U);
     EXPECT_EQ(starts[2].record, starts[0].record);
-    EXPECT_TRUE(Access::isConnected(*server));
+    EXPECT_TRUE(Access::state(*late).connected);
 }
 
 TEST_F(Lifecycle, AnInvalidConfigurationShowsAtInitialize) {
+    const Line invalid = error("Service config is invalid for client NIPCConnector");
     const Subject client = make(Role::Client, {"", 65535});
     EXPECT_FALSE(client->initialize());
-    client.expectJournal(
-        {initializing(client), startingConnection, error("Service config is invalid for client NIPCConnector")}, {});
+    client.expectJournal({initializing(client), startingConnection, invalid});
     const Subject server = make(Role::Server, {"", 65535});
     EXPECT_FALSE(server->initialize());
     server.expectJournal({initializing(server), debug("Initializing IPC server.."),
-                          error("Service config is invalid for server NIPCConnector")},
-                         {});
+                          error("Service config is invalid for server NIPCConnector")});
+
+    tell(client, NEX_NIPC_EVENT_SERVER_DOWN);  // Changes nothing while connecting, which this client stays.
+    client.expectJournal({down});
+    tell(client, NEX_NIPC_EVENT_CONNECTION_DONE, -5);
+    client.expectJournal({info("NEX_NIPC_EVENT_CONNECTION_DONE with status: %d", -5),
+                          error("Failed to connect to server"),
+                          metric("ConnectionFailure ConnectionType=\"InitialConnection\" DisconnectionCount=0"),
+                          startingConnection, invalid, notInitiated});
     EXPECT_TRUE(platform.calls(Operation::Connect).empty() && platform.calls(Operation::Start).empty());
 }
 
-TEST_F(Lifecycle, AFailedConnectionIsMeasuredAndTriedAgain) {
+TEST_F(Lifecycle, FailuresAndLossesAreMeasuredAndReconnected) {
     const Subject client = connectedClient();
-    const auto fail = [&] {
+    const auto first = Access::state(*client).handle;
+    std::size_t connects = 1;
+    const auto fail = [&](const char* type, int count) {
         platform.deliverEvent(NEX_NIPC_EVENT_CONNECTION_DONE, 0, -5);
-        ASSERT_TRUE(client.journal->waitFor("Retry stopped for NIPC_CLIENT_INIT"));
+        expectConnected(client, ++connects);
+        client.expectJournal(andConnects({info("NEX_NIPC_EVENT_CONNECTION_DONE with status: %d", -5),
+                                          error("Failed to connect to server"),
+                                          metric(std::string("ConnectionFailure ConnectionType=\"") + type +
+                                                 "\" DisconnectionCount=" + std::to_string(count))}));
     };
-    fail();
-    expectConnected(client, 2);
-    client.expectJournal(
-        {info("NEX_NIPC_EVENT_CONNECTION_DONE with status: %d", -5), error("Failed to connect to server"),
-         startingConnection, startingRetry, connectSucceeded, connected, retrySucceeded, retryStopped},
-        {"ConnectionFailure ConnectionType=\"InitialConnection\" DisconnectionCount=0"});
-    platform.deliverEvent(NEX_NIPC_EVENT_SERVER_DOWN);
-    ASSERT_TRUE(client.journal->waitFor("Retry stopped for NIPC_CLIENT_INIT"));
-    client.journal->clear();
-    fail();
-    EXPECT_EQ(client.journal->metrics(),
-              std::vector<std::string>{"ConnectionFailure ConnectionType=\"Reconnection\" DisconnectionCount=1"});
-}
-
-TEST_F(Lifecycle, ALostServiceIsMeasuredAndReconnected) {
-    const Subject client = connectedClient();
-    const auto first = Access::handle(*client);
     time.clock += 2'999'999;
     platform.deliverEvent(NEX_NIPC_EVENT_SERVER_DOWN);
-    expectConnected(client, 2);
-    client.expectJournal({error("NEX_NIPC_EVENT_SERVER_DOWN"), debug("Handling server disconnection"),
-                          debug("deinitClient"), debug("Disconnected from VLRS service"), startingConnection,
-                          startingRetry, connectSucceeded, connected, retrySucceeded, retryStopped},
-                         {"ServerDisconnection DisconnectionCount=1 ConnectionDurationMs=2"});
+    expectConnected(client, ++connects);
+    client.expectJournal(
+        andConnects({down, handlingLoss, metric("ServerDisconnection DisconnectionCount=1 ConnectionDurationMs=2"),
+                     deinit, disconnected}));
     ASSERT_EQ(platform.calls(Operation::Disconnect).size(), 1U);
     EXPECT_EQ(platform.calls(Operation::Disconnect)[0].handle, first);
+    fail("Reconnection", 1);
 
     platform.failNext(Operation::Disconnect, -9);
     EXPECT_FALSE(Access::deinitClient(*client));
-    client.expectJournal({debug("deinitClient"), error("Failed to disconnect, status: %d", -9)}, {});
-    EXPECT_NE(Access::handle(*client), -1);
+    client.expectJournal({deinit, error("Failed to disconnect, status: %d", -9)});
+    EXPECT_NE(Access::state(*client).handle, -1);
     EXPECT_TRUE(Access::deinitClient(*client)) << "no longer connected: only the handle is forgotten";
-    EXPECT_EQ(Access::handle(*client), -1);
+    EXPECT_EQ(Access::state(*client).handle, -1);
     EXPECT_EQ(platform.calls(Operation::Disconnect).size(), 2U);
+
+    platform.reset();
+    const Subject other = connectedClient();
+    platform.deliverEvent(NEX_NIPC_EVENT_CONNECTION_DONE, 0, -5);
+    EXPECT_EQ(other.journal->count("ConnectionFailure ConnectionType=\"InitialConnection\" DisconnectionCount=0"), 1U);
 }
 
-TEST_F(Lifecycle, ALossWhileConnectingChangesNothing) {
-    const Subject client = make(Role::Client, {"", 65535});
-    client->initialize();                     // Never gets beyond connecting.
-    const Subject other = connectedClient();  // Its listener is everybody's.
-    Message down;
-    down.type = EVENT;
-    down.eventId = NEX_NIPC_EVENT_SERVER_DOWN;
-    down.userContext = client.connector.get();
-    client.journal->clear();
-    platform.deliver(down);
-    client.expectJournal({error("NEX_NIPC_EVENT_SERVER_DOWN")}, {});
+TEST_F(Lifecycle, AConnectThatFailsIsRetried) {
+    const Subject client = connectedClient();
+    platform.failNext(Operation::Connect, -5);
+    // The listener hears of a success all the same: it comes to nothing with the attempt.
+    platform.onNextCall(Operation::Connect, [&](const Call&) { tell(client, NEX_NIPC_EVENT_CONNECTION_DONE); });
+    time.onSleep([&] {
+        const auto state = Access::state(*client);
+        EXPECT_TRUE(state.connecting && !state.connected);
+    });
+    platform.deliverEvent(NEX_NIPC_EVENT_SERVER_DOWN);
+    expectConnected(client, 3);
+    const Lines lines = client.journal->lines();
+    ASSERT_EQ(lines.size(), 14U);
+    EXPECT_EQ(Lines(lines.begin() + 9, lines.end()),
+              (Lines{warn("%s failed on attempt %d, status: %d, retrying in %dms", "NIPC_CLIENT_INIT", 1, -5, 100),
+                     connectSucceeded, connected, info("%s succeeded after %d retries", "NIPC_CLIENT_INIT", 1),
+                     retryStopped}));
+}
 
-    down.eventId = NEX_NIPC_EVENT_CONNECTION_DONE;
-    down.status = -5;
-    platform.deliver(down);
+TEST_F(Lifecycle, WantOfAThreadOrOfMemoryDoesNotEndReconnecting) {
+    const struct {
+        const char* line;  // After which the next allocation fails, or no thread can be had when it is empty.
+        std::uint16_t event;
+        bool reconnects;
+    } cases[] = {{"Handling server disconnection", NEX_NIPC_EVENT_SERVER_DOWN, true},
+                 {"Failed to connect to server", NEX_NIPC_EVENT_CONNECTION_DONE, true},
+                 {startingConnection.format.c_str(), NEX_NIPC_EVENT_SERVER_DOWN, false},
+                 {"", NEX_NIPC_EVENT_SERVER_DOWN, false}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.line);
+        platform.reset();
+        const Subject client = connectedClient();
+        std::unique_ptr<ThreadShortage> shortage(*c.line == '\0' ? new ThreadShortage : nullptr);
+        client.journal->onLine(c.line, [] { failNew(1); });
+        platform.deliverEvent(c.event, 0, -5);
+        EXPECT_FALSE(failNew(0));
+        shortage.reset();
+        EXPECT_EQ(client.journal->count(notInitiated.text), c.reconnects ? 0U : 1U);
+        EXPECT_EQ(Access::state(*client).connected || Access::state(*client).connecting, c.reconnects);
+        if (!c.reconnects) client->makeSyncRequest("", "name", "", 0);
+        expectConnected(client, 2);
+    }
+}
+
+TEST_F(Lifecycle, ALossBeforeAnyConnectionLastedNoTime) {
+    const Subject client = make(Role::Client);
+    tell(client, NEX_NIPC_EVENT_SERVER_DOWN);
+    expectConnected(client, 1);
     client.expectJournal(
-        {info("NEX_NIPC_EVENT_CONNECTION_DONE with status: %d", -5), error("Failed to connect to server"),
-         startingConnection, error("Service config is invalid for client NIPCConnector"),
-         error("Failed to initiate reconnection")},
-        {"ConnectionFailure ConnectionType=\"InitialConnection\" DisconnectionCount=0"});
+        andConnects({down, handlingLoss, metric("ServerDisconnection DisconnectionCount=1 ConnectionDurationMs=0"),
+                     deinit, disconnected}));
 }
 
 TEST_F(Lifecycle, TheDestructorStopsAndDisconnectsAClientAndLeavesAServiceAlone) {
@@ -171,18 +208,14 @@ TEST_F(Lifecycle, TheDestructorStopsAndDisconnectsAClientAndLeavesAServiceAlone)
         const Subject subject{"bare", journal, {}};
         subject.expectJournal(
             {debug("NIPCConnector constructor for %s", "bare"),
-             debug("NIPCConnector constructor for %s, server name: %s, uuid: %u", "bare", "service", 7U)},
-            {});
+             debug("NIPCConnector constructor for %s, server name: %s, uuid: %u", "bare", "service", 7U)});
         connector->initialize();
-        EXPECT_TRUE(role == Role::Server || journal->waitFor("Retry stopped for NIPC_CLIENT_INIT"));
+        EXPECT_TRUE(role == Role::Server || journal->waitFor(retryStopped.text));
         journal->clear();
         connector.reset();
-        std::vector<Line> lines = {debug("NIPCConnector destructor")};
-        if (role == Role::Client) {
-            lines.push_back(debug("deinitClient"));
-            lines.push_back(debug("Disconnected from VLRS service"));
-        }
-        subject.expectJournal(lines, {});
+        Lines lines = {debug("NIPCConnector destructor")};
+        if (role == Role::Client) lines.insert(lines.end(), {deinit, disconnected});
+        subject.expectJournal(lines);
         EXPECT_EQ(platform.calls(Operation::Disconnect).size(), 1U);
         EXPECT_EQ(platform.deliverEvent(NEX_NIPC_EVENT_SERVER_DOWN).result, -1) << "nobody lives there any more";
     }
@@ -197,14 +230,33 @@ TEST_F(Lifecycle, TheRegistryKeepsOneConnectorPerRoleAndName) {
     EXPECT_NE(static_cast<const void*>(get(false, "x").get()), first);
 
     auto journal = std::make_shared<Journal>("x");
-    NIPCConnector::getInstance(true, "x", {"other", 8}, recordingLogger(journal), recordingRecorder(journal));
+    const auto getJournaling = [&](const char* name) {
+        return NIPCConnector::getInstance(true, name, {"other", 8}, recordingLogger(journal),
+                                          recordingRecorder(journal));
+    };
+    getJournaling("x");
     EXPECT_EQ(journal.use_count(), 1) << "the second logger and recorder are destroyed";
-    EXPECT_TRUE(journal->lines().empty());
-
     failNothrowNew(1);
-    EXPECT_EQ(NIPCConnector::getInstance(true, "y", {}, recordingLogger(journal), nullptr), nullptr);
+    EXPECT_EQ(getJournaling("y"), nullptr);
     EXPECT_EQ(journal.use_count(), 1);
     EXPECT_TRUE(journal->lines().empty());
+}
+
+TEST_F(Lifecycle, AConnectorThatMemoryDoesNotSufficeForIsNotRegistered) {
+    const nipcconnector::Registry& registry = nipcconnector::registry();
+    const std::size_t instances = registry.instances.size();
+    const std::size_t managers = registry.callbackManagers.size();
+    int failures = 0;
+    for (bool failed = true; failed; ++failures) {
+        std::string name(40, 'n');
+        failNew(failures + 1);
+        const auto connector = NIPCConnector::getInstance(true, name, {}, nullptr, nullptr);
+        failed = !failNew(0);
+        EXPECT_EQ(connector == nullptr, failed);
+        EXPECT_EQ(registry.instances.size(), instances + (failed ? 0 : 1));
+        EXPECT_EQ(registry.callbackManagers.size(), managers + (failed ? 0 : 1));
+    }
+    EXPECT_GT(failures, 5) << "the key, the owner, the manager and their places can each fail";
 }
 
 }  // namespace

@@ -42,35 +42,12 @@ TEST(Names, OfACallbackAreNeverUsedAgain) {
     EXPECT_FALSE(manager.hasRecurringCallback());
 }
 
-/// Another connector of the contract, which leaves out what is optional.
-struct Plain : smarthome::GenericConnector {
-    Plain() : GenericConnector("plain", smarthome::ConnectorConstants::Nipc) {}
-    bool registerAsyncRequestHandler(const std::string&, smarthome::AsyncRequestHandler) override { return true; }
-    RequestStatus makeAsyncRequest(const std::string&, const std::string&, const char*, unsigned int,
-                                   smarthome::AsyncResponseCallback) override {
-        return RequestStatus::Success;
-    }
-    void unregisterAsyncRequestHandler(const std::string&) override {}
-    bool subscribeForEvent(const std::string&, const std::string&, smarthome::EventHandler) override { return true; }
-    bool unsubscribeForEvent(const std::string&, const std::string&) override { return true; }
-    bool unsubscribeFromPublisher(const std::string&) override { return true; }
-    bool publishEvent(const std::string&) override { return true; }
-    bool publishEvent(const std::string&, const char*, unsigned int) override { return true; }
-    bool publishEvent(const std::string&, const std::string&) override { return true; }
-    bool registerSyncRequestHandler(const std::string&, smarthome::SyncRequestHandler) override { return true; }
-    smarthome::SyncRequestResult makeSyncRequest(const std::string&, const std::string&, const char*,
-                                                 unsigned int) override {
-        return {};
-    }
-    void unregisterSyncRequestHandler(const std::string&) override {}
-};
-
-TEST(Contract, OptionalOperationsHaveAnAnswer) {
-    Plain connector;
-    smarthome::IAsyncReqConnector& requests = connector;
-    EXPECT_TRUE(connector.initialize());
-    EXPECT_FALSE(requests.setRecurringCallback(nullptr));
-    EXPECT_EQ(requests.makeAsyncRequestWithRecurringCallback("", "", nullptr, 0), RequestStatus::Failure);
+TEST_F(ConnectorTest, OptionalOperationsOfTheContractHaveAnAnswer) {
+    const Subject client = make(Role::Client);
+    EXPECT_TRUE(client->GenericConnector::initialize());
+    EXPECT_FALSE(client->IAsyncReqConnector::setRecurringCallback(nullptr));
+    EXPECT_EQ(client->IAsyncReqConnector::makeAsyncRequestWithRecurringCallback("", "", nullptr, 0),
+              RequestStatus::Failure);
 }
 
 }  // namespace

@@ -9,15 +9,15 @@ namespace {
 class RetryManager : public ConnectorTest {
 protected:
     /// Fails `failures` times, then succeeds.
-    void retry(int failures, const std::string& name) {
+    bool retry(int failures, const std::string& name) {
         remaining = failures;
-        EXPECT_TRUE(Access::retryManager(*subject).startRetry([this] { return remaining-- > 0 ? -111 : 0; }, name));
+        return Access::retryManager(*subject).startRetry([this] { return remaining-- > 0 ? -111 : 0; }, name);
     }
     static Line failed(int attempt, int delay) {
         return warn("%s failed on attempt %d, status: %d, retrying in %dms", "OPERATION", attempt, -111, delay);
     }
 
-    Subject subject = makeBare(Role::Client);
+    Subject subject = make(Role::Client);
     std::atomic<int> remaining{0};
 };
 
@@ -32,31 +32,31 @@ TEST_F(RetryManager, WaitsDoubleUpToFiveSecondsGiveOrTakeATenth) {
     for (const auto& c : cases) {
         time.reset();
         time.jitter = c.jitter;
-        retry(static_cast<int>(c.delays.size()), "OPERATION");
+        EXPECT_TRUE(retry(static_cast<int>(c.delays.size()), "OPERATION"));
         ASSERT_TRUE(subject.journal->waitFor("Retry stopped for OPERATION"));
-        std::vector<Line> lines = {debug("Starting non-blocking retry for %s", "OPERATION")};
+        Lines lines = {debug("Starting non-blocking retry for %s", "OPERATION")};
         for (const int delay : c.delays) lines.push_back(failed(static_cast<int>(lines.size()), delay));
         lines.push_back(info("%s succeeded after %d retries", "OPERATION", static_cast<int>(c.delays.size())));
         lines.push_back(debug("Retry stopped for %s", "OPERATION"));
-        subject.expectJournal(lines, {});
+        subject.expectJournal(lines);
         EXPECT_EQ(time.slept, c.slices);
         EXPECT_FALSE(Access::retryManager(*subject).isActive());
     }
 }
 
 TEST_F(RetryManager, TwentyMinutesOfFailureAreReportedOnceAndSoIsTheLaterSuccess) {
-    retry(300, "OPERATION");
+    EXPECT_TRUE(retry(300, "OPERATION"));
     ASSERT_TRUE(subject.journal->waitFor("Retry stopped for OPERATION"));
-    EXPECT_EQ(subject.journal->metrics(),
-              (std::vector<std::string>{
-                  "ConnectionInitiationFailure OperationName=\"OPERATION\" RetryAttempts=246 TotalDurationMs=1201300",
-                  "ConnectionInitiationEventualSuccess OperationName=\"OPERATION\" RetryAttempts=300"}));
     const auto lines = subject.journal->lines();
-    ASSERT_EQ(lines.size(), 304U);
-    EXPECT_EQ(lines[246], failed(246, 5000));
-    EXPECT_EQ(lines[247], error("%s has been failing for %ldms with %d attempts - this is a persistent failure",
-                                "OPERATION", 1201300L, 246));
-    EXPECT_EQ(lines[248], failed(247, 5000));
+    ASSERT_EQ(lines.size(), 306U);
+    EXPECT_EQ(Lines(lines.begin() + 246, lines.begin() + 250),
+              (Lines{failed(246, 5000),
+                     metric("ConnectionInitiationFailure OperationName=\"OPERATION\" RetryAttempts=246 "
+                            "TotalDurationMs=1201300"),
+                     error("%s has been failing for %ldms with %d attempts - this is a persistent failure", "OPERATION",
+                           1201300L, 246),
+                     failed(247, 5000)}));
+    EXPECT_EQ(lines[304], metric("ConnectionInitiationEventualSuccess OperationName=\"OPERATION\" RetryAttempts=300"));
 }
 
 TEST_F(RetryManager, OneOperationAtATimeAndAStopEndsItWithinASlice) {
@@ -64,7 +64,7 @@ TEST_F(RetryManager, OneOperationAtATimeAndAStopEndsItWithinASlice) {
     time.onSleep([&] {
         if (time.slept == 100) gate.pass();
     });
-    retry(1'000'000, "FIRST");
+    EXPECT_TRUE(retry(1'000'000, "FIRST"));
     ASSERT_TRUE(gate.awaitArrival());
     EXPECT_TRUE(Access::retryManager(*subject).startRetry([] { return 0; }, "SECOND"));
     EXPECT_EQ(subject.journal->lines().back(), warn("Retry already in progress for %s", "SECOND"));
@@ -79,7 +79,7 @@ TEST_F(RetryManager, OneOperationAtATimeAndAStopEndsItWithinASlice) {
     subject.journal->clear();
 
     Access::retryManager(*subject).stopRetry();
-    EXPECT_TRUE(subject.journal->lines().empty()) << "a stop of what does not run says nothing";
+    subject.expectJournal({});
 }
 
 TEST_F(RetryManager, AStopDoesNotWaitForeverForAnOperationThatHangs) {
@@ -89,28 +89,29 @@ TEST_F(RetryManager, AStopDoesNotWaitForeverForAnOperationThatHangs) {
     subject.journal->clear();
     time.waitsExpireAtOnce = true;
     Access::retryManager(*subject).stopRetry();
-    subject.expectJournal({debug("Stopping retry timer thread"), warn("Retry thread didn't finish within timeout")},
-                          {});
+    subject.expectJournal({debug("Stopping retry timer thread"), warn("Retry thread didn't finish within timeout")});
 
-    EXPECT_TRUE(Access::retryManager(*subject).startRetry([] { return 0; }, "NEXT"));
+    EXPECT_TRUE(retry(0, "NEXT"));
     EXPECT_TRUE(subject.journal->waitFor("Retry stopped for NEXT"));
     gate.open();
     EXPECT_TRUE(subject.journal->waitFor("HANGING failed on attempt 1, status: -1, retrying in 100ms"));
     EXPECT_TRUE(subject.journal->waitFor("Retry stopped for HANGING"));
 }
 
-TEST_F(RetryManager, AThreadThatCannotBeHadLeavesItReadyForTheNextStart) {
-    {
-        const ThreadShortage shortage;
-        EXPECT_FALSE(Access::retryManager(*subject).startRetry([] { return 0; }, "OPERATION"));
-    }
+TEST_F(RetryManager, AThreadThatCannotBeHadLosesNoOtherStart) {
+    auto shortage = std::make_unique<ThreadShortage>();
+    EXPECT_FALSE(retry(0, "OPERATION"));
     EXPECT_FALSE(Access::retryManager(*subject).isActive());
     EXPECT_EQ(subject.journal->lines().back().level, 'E');
-    retry(0, "OPERATION");
-    EXPECT_TRUE(subject.journal->waitFor("Retry stopped for OPERATION"));
+    subject.journal->onLine("Failed to start the retry thread for %s: %s", [&] {
+        shortage.reset();
+        EXPECT_TRUE(retry(0, "REFUSED")) << "since another is being started";
+    });
+    EXPECT_TRUE(retry(0, "OPERATION"));
+    EXPECT_TRUE(subject.journal->waitFor("Retry stopped for REFUSED"));
 }
 
-/// In a child process, whose end prints what was measured.
+/// In a child process, whose end prints the last that was logged and measured.
 class FiveMinutes : public ConnectorTest {
 protected:
     FiveMinutes() { GTEST_FLAG_SET(death_test_style, kDeathTestStyle); }
@@ -118,10 +119,13 @@ protected:
     void failToStart(int servers) {
         static std::vector<std::shared_ptr<Journal>> journals;
         static std::atomic<int> abortsToCome{servers};
-        platform.failAlways(Operation::Start, -98);
+        platform.failNext(Operation::Start, -98, 1000);
         make(Role::Client);  // So that the registry's end comes after what follows.
         std::atexit([] {
-            for (const auto& metric : journals[0]->metrics()) std::fprintf(stderr, "%s;", metric.c_str());
+            const Lines lines = journals[0]->lines();
+            for (auto line = lines.end() - 2; line != lines.end(); ++line) {
+                std::fprintf(stderr, "%c %s;", line->level, line->text.c_str());
+            }
             std::this_thread::sleep_for(std::chrono::milliseconds(100));  // For another exit() to overtake this one.
             const auto early = NIPCConnector::getInstance(true, "early", {"service", 7}, nullptr, nullptr);
             std::fputs(early ? "the end" : "overtaken", stderr);
@@ -140,7 +144,8 @@ protected:
 
 TEST_F(FiveMinutes, OfFailureToStartAServerEndTheProcess) {
     EXPECT_EXIT(failToStart(1), ::testing::ExitedWithCode(1),
-                "ServerInitFailure;ServerInitFatalFailure OperationName=\"NIPC_SERVER_INIT\" RetryAttempts=66 "
+                "^E NIPC_SERVER_INIT has been failing for 301300ms with 66 attempts - aborting process;"
+                "M ServerInitFatalFailure OperationName=\"NIPC_SERVER_INIT\" RetryAttempts=66 "
                 "TotalDurationMs=301300;the end$");
 }
 

@@ -9,6 +9,8 @@ std::vector<char> bytes(const std::string& text) { return {text.begin(), text.en
 constexpr const char* syncMissing = "Failed to find sync handler for request type %s";
 constexpr const char* asyncMissing = "Failed to find async handler for request name %s";
 constexpr const char* handling = "Handling async request with request name %s";
+const Line sync = debug("received sync function");
+const Line async = debug("received async function");
 
 TEST_F(Server, SortsMessagesByTypeAndSaysWhyARequestFailed) {
     const Subject server = startedServer();
@@ -18,38 +20,48 @@ TEST_F(Server, SortsMessagesByTypeAndSaysWhyARequestFailed) {
     server->unregisterSyncRequestHandler("gone");
     server->registerAsyncRequestHandler("gone", nullptr);
     server->unregisterAsyncRequestHandler("gone");
-    const Line sync = debug("received sync function");
-    const Line async = debug("received async function");
-    const Line failed = error("Failed to handle async request");
+    const Lines registrations = server.journal->lines();
+    ASSERT_EQ(registrations.size(), 6U);
+    EXPECT_EQ(Lines(registrations.begin() + 2, registrations.end()),
+              (Lines{debug("Registering sync request handler for request type %s", "gone"),
+                     debug("Unregistering sync request handler for request type %s", "gone"),
+                     debug("Registering async request handler for request type %s", "gone"),
+                     debug("Unregistering async request handler for request type %s", "gone")}));
     server.journal->clear();
-    const auto expect = [&](std::uint32_t type, const char* request, int result, int status,
-                            const std::vector<Line>& lines) {
-        SCOPED_TRACE(request);
-        Message message;
-        message.type = type;
-        message.functionId = computeFunctionId(request);
-        message.payload = "four";
-        message.status = 77;
-        const Delivered delivered = platform.deliver(message);
-        EXPECT_EQ(delivered.result, result);
-        EXPECT_EQ(delivered.status, status);
-        EXPECT_EQ(delivered.length, 4U);
-        server.expectJournal(lines, {});
-        message.nullPointers = true;
-        EXPECT_EQ(platform.deliver(message).result, result);
-        server.expectJournal(lines, {});
-    };
-    expect(SYNC_FUNCTION, "gone", 0, -1, {sync, error(syncMissing, "gone")});
-    expect(SYNC_FUNCTION, "empty", 0, -1, {sync, error(syncMissing, "empty")});
-    expect(SYNC_FUNCTION, "long", -3, -3, {sync, error("Response size is greater than the buffer size")});
-    expect(ASYNC_FUNCTION, "gone", 0, -1, {async, debug(handling, "gone"), error(asyncMissing, "gone"), failed});
-    expect(ASYNC_FUNCTION, "?", 0, -1, {async, debug(handling, ""), error(asyncMissing, ""), failed});
-    expect(CALLBACK, "", 0, 0, {debug("received callback")});
-    expect(EVENT, "not for servers", 0, 0, {});
-    expect(BROADCAST_EVENT, "", 0, 0, {debug("received broadcast event")});
-    expect(MULTICAST_EVENT, "", 0, 0, {debug("received multicast event")});
-    expect(INVALID, "", 0, 0, {debug("Invalid NIPC type")});
-    expect(7, "", 0, 0, {warn("unhandled NIPC type: %d", 7)});
+    const Line failed = error("Failed to handle async request");
+    const struct {
+        std::uint32_t type;
+        const char* request;
+        int result, status;
+        Lines lines;
+    } cases[] = {{SYNC_FUNCTION, "gone", 0, -1, {sync, error(syncMissing, "gone")}},
+                 {SYNC_FUNCTION, "empty", 0, -1, {sync, error(syncMissing, "empty")}},
+                 {SYNC_FUNCTION, "long", -3, -3, {sync, error("Response size is greater than the buffer size")}},
+                 {ASYNC_FUNCTION, "gone", 0, -1, {async, debug(handling, "gone"), error(asyncMissing, "gone"), failed}},
+                 {ASYNC_FUNCTION, "?", 0, -1, {async, debug(handling, ""), error(asyncMissing, ""), failed}},
+                 {CALLBACK, "", 0, 0, {debug("received callback")}},
+                 {EVENT, "not for servers", 0, 0, {}},
+                 {BROADCAST_EVENT, "", 0, 0, {debug("received broadcast event")}},
+                 {MULTICAST_EVENT, "", 0, 0, {debug("received multicast event")}},
+                 {INVALID, "", 0, 0, {debug("Invalid NIPC type")}},
+                 {7, "", 0, 0, {warn("unhandled NIPC type: %d", 7)}}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.request);
+        for (const bool nullPointers : {false, true}) {
+            const Delivered delivered =
+                platform.deliver({c.type, 3, computeFunctionId(c.request), 0, "four", 9, 77, nullPointers});
+            EXPECT_EQ(delivered.result, c.result);
+            EXPECT_EQ(delivered.status, nullPointers ? 77 : c.status);
+            EXPECT_EQ(delivered.length, 4U);
+            server.expectJournal(c.lines);
+        }
+    }
+    EXPECT_TRUE(platform.calls(Operation::Callback).empty()) << "nobody answers in a missing handler's place";
+
+    server.journal->onLine(handling, [] { failNew(1); });
+    EXPECT_EQ(platform.deliverRequest(ASYNC_FUNCTION, 2000, "", 3).status, -1);
+    EXPECT_EQ(server.journal->lines().back(),
+              error("%s threw an exception: %s", "Server listener", std::bad_alloc().what()));
 }
 
 TEST_F(Server, ASyncHandlerAnswersUpToTheBuffersSize) {
@@ -58,19 +70,15 @@ TEST_F(Server, ASyncHandlerAnswersUpToTheBuffersSize) {
     server->registerSyncRequestHandler("get", [](const char* data, unsigned int length) {
         return std::vector<char>(std::stoul(std::string(data, length)), 'x');
     });
-    server.journal->clear();
-    const auto get = [&](const std::string& size) {
-        return platform.deliverRequest(SYNC_FUNCTION, computeFunctionId("get"), size, 3);
-    };
-    Delivered delivered = get("5");
-    EXPECT_EQ(delivered.status, 0);
-    EXPECT_EQ(delivered.data, "xxxxx");
-    server.expectJournal(
-        {debug("received sync function"), debug("Sending syncresponse to clientId %d with payload %s", 3, "xxxxx")},
-        {});
-    delivered = get("16384");
-    EXPECT_EQ(delivered.status, 0);
-    EXPECT_EQ(delivered.data, std::string(16384, 'x'));
+    for (const std::size_t size : {5U, 16384U}) {
+        server.journal->clear();
+        const std::string answer(size, 'x');
+        const Delivered delivered =
+            platform.deliverRequest(SYNC_FUNCTION, computeFunctionId("get"), std::to_string(size), 3);
+        EXPECT_EQ(delivered.status, 0);
+        EXPECT_EQ(delivered.data, answer);
+        server.expectJournal({sync, debug("Sending syncresponse to clientId %d with payload %s", 3, answer.c_str())});
+    }
 }
 
 TEST_F(Server, AnAsyncHandlerAnswersLaterAndAsOftenAsItLikes) {
@@ -84,30 +92,31 @@ TEST_F(Server, AnAsyncHandlerAnswersLaterAndAsOftenAsItLikes) {
             respond = std::move(responder);
             requestId = id;
         }));
-    server.expectJournal({debug("Registering async request handler for request type %s", "set")}, {});
     EXPECT_EQ(platform.deliverRequest(ASYNC_FUNCTION, computeFunctionId("set"), "21", 7, 42).status, 0);
     EXPECT_EQ(requestId, "7_42");
     server.journal->clear();
+    const auto responding = [](const char* payload) {
+        return debug("Sending async response to clientId %d with payload %s", 7, payload);
+    };
+    const auto sendingSize = [](std::size_t size) {
+        return debug("Sending %s to clientId %d with payloadSize %zu", "async response", 7, size);
+    };
     respond(true, "done", 4);
-    server.expectJournal({debug("Sending async response to clientId %d with payload %s", 7, "done"),
-                          debug("Sending %s to clientId %d with payloadSize %zu", "async response", 7, std::size_t{4})},
-                         {});
+    server.expectJournal({responding("done"), sendingSize(4)});
     platform.failNext(Operation::Callback, -5);
     respond(false, nullptr, 0);
-    EXPECT_EQ(server.journal->lines().back(),
-              error("Failed to send %s to clientId %d, status: %d", "async response", 7, -5));
-    EXPECT_EQ(server.journal->metrics().back(),
-              "EventSendFailure FailureReason=\"NipcCallbackFailedWithStatus-5\" RequestType=\"AsyncResponse\" "
-              "PayloadSize=0");
+    server.expectJournal({responding(""), sendingSize(0),
+                          error("Failed to send %s to clientId %d, status: %d", "async response", 7, -5),
+                          metric("EventSendFailure FailureReason=\"NipcCallbackFailedWithStatus-5\" "
+                                 "RequestType=\"AsyncResponse\" PayloadSize=0")});
     const auto calls = platform.calls(Operation::Callback);
     ASSERT_EQ(calls.size(), 2U);
-    EXPECT_EQ(calls[0].functionId, ASYNC_RESPONSE_SUCCESS_ID);
     EXPECT_EQ(calls[0].payload, "done");
-    EXPECT_EQ(calls[1].functionId, ASYNC_RESPONSE_FAILURE_ID);
     for (const auto& call : calls) {
+        EXPECT_EQ(call.functionId, call.payload.empty() ? ASYNC_RESPONSE_FAILURE_ID : ASYNC_RESPONSE_SUCCESS_ID);
         EXPECT_EQ(call.clientId, 7);
         EXPECT_EQ(call.requestContext, 42U);
-        EXPECT_EQ(call.handle, Access::handle(*server));
+        EXPECT_EQ(call.handle, Access::state(*server).handle);
     }
     platform.deliverRequest(ASYNC_FUNCTION, computeFunctionId("set"), "21", 3);
     EXPECT_EQ(requestId, "3_0");
@@ -115,24 +124,23 @@ TEST_F(Server, AnAsyncHandlerAnswersLaterAndAsOftenAsItLikes) {
 
 TEST_F(Server, EventsGoToEveryClientThatIsThere) {
     const Subject server = startedServer();
-    EXPECT_TRUE(server->publishEvent("changed"));
     const auto publishing = [](std::size_t size, std::size_t count) {
         return debug("Publishing event %s with data size %zu to %zu clients", "changed", size, count);
     };
-    server.expectJournal({publishing(0, 0)}, {});
+    EXPECT_TRUE(server->publishEvent("changed"));
     for (const std::uint16_t id : {std::uint16_t{5}, std::uint16_t{5}, std::uint16_t{6}}) clientConnects(id);
     platform.deliverEvent(NEX_NIPC_EVENT_CLIENT_DISCONNECTED, 6);
     platform.deliverEvent(NEX_NIPC_EVENT_CLIENT_DISCONNECTED, 99);
-    EXPECT_EQ(server.journal->lines()[0], debug("client %d is connected\n", 5));
-    EXPECT_EQ(server.journal->lines()[3], debug("client %d is disconnected\n", 6));
-    server.journal->clear();
-
     platform.failNext(Operation::Callback, -5);
     EXPECT_TRUE(server->publishEvent("changed", "now")) << "whatever became of the sends";
     server.expectJournal(
-        {publishing(3, 1), debug("Sending %s to clientId %d with payloadSize %zu", "event", 5, std::size_t{3}),
-         error("Failed to send %s to clientId %d, status: %d", "event", 5, -5)},
-        {"EventSendFailure FailureReason=\"NipcCallbackFailedWithStatus-5\" RequestType=\"Event\" PayloadSize=3"});
+        {publishing(0, 0), debug("client %d is connected\n", 5), debug("client %d is connected\n", 5),
+         debug("client %d is connected\n", 6), debug("client %d is disconnected\n", 6),
+         debug("client %d is disconnected\n", 99), publishing(3, 1),
+         debug("Sending %s to clientId %d with payloadSize %zu", "event", 5, std::size_t{3}),
+         error("Failed to send %s to clientId %d, status: %d", "event", 5, -5),
+         metric("EventSendFailure FailureReason=\"NipcCallbackFailedWithStatus-5\" RequestType=\"Event\" "
+                "PayloadSize=3")});
     EXPECT_TRUE(server->publishEvent("changed"));
     EXPECT_TRUE(server->publishEvent("changed", nullptr, 10));
 
@@ -147,8 +155,7 @@ TEST_F(Server, EventsGoToEveryClientThatIsThere) {
 }
 
 TEST_F(Server, WithoutManagerNothingIsServed) {
-    const Subject bare = makeBare(Role::Server);
-    up(bare);
+    const Subject bare = up(makeBare(Role::Server));
     EXPECT_FALSE(bare->registerSyncRequestHandler("get", nullptr));
     EXPECT_FALSE(bare->registerAsyncRequestHandler("set", nullptr));
     bare->unregisterSyncRequestHandler("get");
@@ -158,12 +165,13 @@ TEST_F(Server, WithoutManagerNothingIsServed) {
     const Delivered delivered = platform.deliverRequest(SYNC_FUNCTION, 2000, "", 3);
     EXPECT_EQ(delivered.result, -1);
     EXPECT_EQ(delivered.status, -1) << "as the platform preset it";
-    bare.expectJournal({}, {});
+    bare.expectJournal({});
     EXPECT_FALSE(Access::handleAsyncRequest(*bare, "set"));
-    bare.expectJournal({debug(handling, "set"), error("No callback manager found for this connector")}, {});
-    EXPECT_EQ(platform.listener()(nullptr), -1);
+    bare.expectJournal({debug(handling, "set"), error("No callback manager found for this connector")});
     nexNipc_parameter_t nobodys{};
-    EXPECT_EQ(platform.listener()(&nobodys), -1);
+    for (auto* const parameter : {static_cast<nexNipc_parameter_t*>(nullptr), &nobodys}) {
+        EXPECT_EQ(platform.endpoint().listener(parameter), -1);
+    }
 }
 
 }  // namespace

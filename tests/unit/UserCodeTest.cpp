@@ -103,7 +103,7 @@ TEST_F(UserCode, ALoggerAndARecorderThatThrowDoNotStopTheWorker) {
     EXPECT_TRUE(server.initialize());
     ASSERT_TRUE(platform.waitForCalls(Operation::Start, 4));
     for (auto& retry = Access::retryManager(server); retry.isActive();) std::this_thread::yield();
-    EXPECT_TRUE(Access::isConnected(server));
+    EXPECT_TRUE(Access::state(server).connected);
 }
 
 /// The end of the process, in a child.
