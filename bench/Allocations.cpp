@@ -56,12 +56,14 @@ void note(const void* caller) {
 
 // operator new ends here as well.
 #define NIPC_COUNTED extern "C" __attribute__((visibility("default"), noinline))
+// NOLINTBEGIN(bugprone-reserved-identifier): the C library's own names for what is counted here.
 extern "C" {
 void* __libc_malloc(std::size_t size) noexcept;
 void* __libc_calloc(std::size_t count, std::size_t size) noexcept;
 void* __libc_realloc(void* old, std::size_t size) noexcept;
 void* __libc_memalign(std::size_t alignment, std::size_t size) noexcept;
 }
+// NOLINTEND(bugprone-reserved-identifier)
 NIPC_COUNTED void* malloc(std::size_t size) noexcept {
     note(__builtin_return_address(0));
     return __libc_malloc(size);

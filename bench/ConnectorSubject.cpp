@@ -129,9 +129,9 @@ private:
         config.serverName = service;
         config.uuid = static_cast<std::uint16_t>(4000 + serviceNumber);
         const bool observed = options.variant == "logged";
-        const Connector connector = NIPCConnector::getInstance(isClient, name + std::to_string(number), config,
-                                                               observed ? makeCountingLogger() : nullptr,
-                                                               observed ? makeCountingRecorder() : nullptr);
+        Connector connector = NIPCConnector::getInstance(isClient, name + std::to_string(number), config,
+                                                         observed ? makeCountingLogger() : nullptr,
+                                                         observed ? makeCountingRecorder() : nullptr);
         require(connector != nullptr, "getInstance");
         connectors.push_back(connector);
         return connector;

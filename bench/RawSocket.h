@@ -19,7 +19,10 @@ public:
     RawSocket() = default;
     explicit RawSocket(int descriptor) : fd(descriptor) { require(fd >= 0, "socket"); }
     RawSocket(RawSocket&& other) noexcept : fd(std::exchange(other.fd, -1)) {}
-    RawSocket& operator=(RawSocket&& other) noexcept { return std::swap(fd, other.fd), *this; }
+    RawSocket& operator=(RawSocket&& other) noexcept {
+        std::swap(fd, other.fd);
+        return *this;
+    }
     ~RawSocket() {
         if (fd >= 0) close(fd);
     }
