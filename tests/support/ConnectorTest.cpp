@@ -14,12 +14,11 @@ ConnectorTest::~ConnectorTest() {
 
 Subject ConnectorTest::make(Role role, const nipcconnector::NIPCServiceConfig& config) {
     static int made = 0;
-    const std::string name = "subject" + std::to_string(++made);
-    auto journal = std::make_shared<Journal>(name);
-    auto connector = NIPCConnector::getInstance(role == Role::Client, name, config, recordingLogger(journal),
+    auto journal = std::make_shared<Journal>("subject" + std::to_string(++made));
+    auto connector = NIPCConnector::getInstance(role == Role::Client, journal->name, config, recordingLogger(journal),
                                                 recordingRecorder(journal));
     journal->clear();
-    return subjects.emplace_back(Subject{name, journal, connector});
+    return subjects.emplace_back(Subject{journal, connector});
 }
 
 Subject ConnectorTest::makeBare(Role role) {
@@ -27,7 +26,8 @@ Subject ConnectorTest::makeBare(Role role) {
     auto connector =
         std::make_shared<NIPCConnector>(role == Role::Client, "bare", nipcconnector::NIPCServiceConfig{"service", 7},
                                         recordingLogger(journal), recordingRecorder(journal));
-    return subjects.emplace_back(Subject{"bare", journal, connector});
+    journal->clear();
+    return subjects.emplace_back(Subject{journal, connector});
 }
 
 Subject ConnectorTest::up(Subject subject) {

@@ -32,7 +32,6 @@ constexpr const char* kDeathTestStyle = "threadsafe";
 
 /// A connector under test and what it logged and measured.
 struct Subject {
-    std::string name;
     std::shared_ptr<Journal> journal;
     std::shared_ptr<NIPCConnector> connector;
 

@@ -4,7 +4,6 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -44,43 +43,6 @@ FakePlatform& FakePlatform::instance() {
     return *platform;
 }
 
-void FakePlatform::reset() {
-    const std::lock_guard<std::mutex> lock(mutex);
-    recorded.clear();
-    scripts = {};
-    endpoints.clear();
-    syncAnswer = {};
-    acknowledgesShares = regionsCanBeMapped = true;
-}
-
-void FakePlatform::failNext(Operation operation, nex_status_t status, std::size_t times) {
-    const std::lock_guard<std::mutex> lock(mutex);
-    scriptOf(operation).results.assign(times, status);
-}
-
-void FakePlatform::onNextCall(Operation operation, std::function<void(const Call&)> hook) {
-    const std::lock_guard<std::mutex> lock(mutex);
-    scriptOf(operation).hook.swap(hook);
-}
-
-void FakePlatform::answerSyncWith(SyncAnswer answer) {
-    const std::lock_guard<std::mutex> lock(mutex);
-    syncAnswer = std::move(answer);
-}
-
-std::vector<Call> FakePlatform::calls(Operation operation) const {
-    const std::lock_guard<std::mutex> lock(mutex);
-    std::vector<Call> found;
-    std::copy_if(recorded.begin(), recorded.end(), std::back_inserter(found),
-                 [operation](const Call& call) { return call.operation == operation; });
-    return found;
-}
-
-void FakePlatform::forgetCalls() {
-    const std::lock_guard<std::mutex> lock(mutex);
-    recorded.clear();
-}
-
 bool FakePlatform::waitForCalls(Operation operation, std::size_t count, std::chrono::milliseconds limit) const {
     std::unique_lock<std::mutex> lock(mutex);
     const auto matches = [operation](const Call& call) { return call.operation == operation; };
@@ -90,7 +52,7 @@ bool FakePlatform::waitForCalls(Operation operation, std::size_t count, std::chr
 }
 
 FakePlatform::Endpoint FakePlatform::endpoint(std::int32_t handle) const {
-    const std::lock_guard<std::mutex> lock(mutex);
+    const Lock lock(mutex);
     const auto found = std::find_if(endpoints.rbegin(), endpoints.rend(), [handle](const Endpoint& candidate) {
         return handle == -1 || candidate.handle == handle;
     });
@@ -120,20 +82,6 @@ Delivered FakePlatform::deliver(const Message& message) {
     delivered.result = listener(&parameter);
     delivered.data.assign(buffer.data(), std::min<std::size_t>(delivered.length, buffer.size()));
     return delivered;
-}
-
-Delivered FakePlatform::deliverEvent(std::uint16_t eventId, std::uint16_t peerId, std::int32_t status) {
-    return deliver({EVENT, peerId, 0, eventId, {}, 0, status});
-}
-
-Delivered FakePlatform::deliverCallback(std::uint16_t functionId, const std::string& payload,
-                                        std::uintptr_t requestContext) {
-    return deliver({CALLBACK, 0, functionId, 0, payload, requestContext});
-}
-
-Delivered FakePlatform::deliverRequest(NipcMessageType type, std::uint16_t functionId, const std::string& payload,
-                                       std::uint16_t clientId, std::uintptr_t requestContext) {
-    return deliver({static_cast<std::uint32_t>(type), clientId, functionId, 0, payload, requestContext, -1});
 }
 
 Delivered FakePlatform::deliverShare(const SharedMessage& shared) {
@@ -206,7 +154,7 @@ nex_status_t FakePlatform::share(Operation operation, std::int32_t handle, std::
 nex_status_t FakePlatform::answerSync(std::int32_t handle, SyncRpcRecord& record) {
     const nex_status_t status = perform(describeMessage(Operation::RpcSync, handle, record));
     if (status != 0) return status;
-    const std::lock_guard<std::mutex> lock(mutex);
+    const Lock lock(mutex);
     const std::size_t size = std::min<std::size_t>(syncAnswer.response.size(), record.responseLength);
     if (size > 0) std::memcpy(record.response, syncAnswer.response.data(), size);
     record.responseLength = syncAnswer.reportedLength.value_or(static_cast<std::uint32_t>(size));
@@ -224,51 +172,47 @@ int FakePlatform::makeRegion(const char* name, std::size_t size) {
 
 }  // namespace nipctest
 
-using nipctest::describe;
-using nipctest::describeMessage;
-using nipctest::FakePlatform;
-using nipctest::Operation;
+using namespace nipctest;
 
-extern "C" {
+namespace {
+
+FakePlatform& fake = FakePlatform::instance();
+
+template <class Record>
+nex_status_t openEndpoint(Operation operation, int32_t* handle, const Record& record) {
+    return fake.perform(describe(operation, -1, record), handle, record.listener, record.userContext);
+}
+
+template <class Record>
+nex_status_t sendMessage(Operation operation, int32_t handle, uint16_t clientId, const Record& record) {
+    Call call = describeMessage(operation, handle, record);
+    call.clientId = clientId;
+    call.requestContext = reinterpret_cast<std::uintptr_t>(record.requestContext);
+    return fake.perform(std::move(call));
+}
+
+}  // namespace
 
 nex_status_t nexNipc_start(int32_t* handle, const ServerStartRecord* record) {
-    return FakePlatform::instance().perform(describe(Operation::Start, -1, *record), handle, record->listener,
-                                            record->userContext);
+    return openEndpoint(Operation::Start, handle, *record);
 }
-
 nex_status_t nexNipc_connect(int32_t* handle, const ClientConnectRecord* record) {
-    return FakePlatform::instance().perform(describe(Operation::Connect, -1, *record), handle, record->listener,
-                                            record->userContext);
+    return openEndpoint(Operation::Connect, handle, *record);
 }
-
 nex_status_t nexNipc_disconnect(int32_t* handle) {
-    return FakePlatform::instance().perform(describe(Operation::Disconnect, *handle, *handle));
+    return fake.perform(describe(Operation::Disconnect, *handle, *handle));
 }
-
 nex_status_t nexNipc_rpcAsync(int32_t handle, AsyncRpcRecord* record) {
-    auto call = describeMessage(Operation::RpcAsync, handle, *record);
-    call.requestContext = reinterpret_cast<std::uintptr_t>(record->requestContext);
-    return FakePlatform::instance().perform(std::move(call));
+    return sendMessage(Operation::RpcAsync, handle, 0, *record);
 }
-
-nex_status_t nexNipc_rpcSync(int32_t handle, SyncRpcRecord* record) {
-    return FakePlatform::instance().answerSync(handle, *record);
-}
-
+nex_status_t nexNipc_rpcSync(int32_t handle, SyncRpcRecord* record) { return fake.answerSync(handle, *record); }
 nex_status_t nexNipc_callback(int32_t handle, uint16_t clientId, CallbackRecord* record) {
-    auto call = describeMessage(Operation::Callback, handle, *record);
-    call.clientId = clientId;
-    call.requestContext = reinterpret_cast<std::uintptr_t>(record->requestContext);
-    return FakePlatform::instance().perform(std::move(call));
+    return sendMessage(Operation::Callback, handle, clientId, *record);
 }
-
 nex_status_t nexNipc_clientShareFd(int32_t handle, ShareFdMsg* message) {
-    return FakePlatform::instance().share(Operation::ClientShareFd, handle, 0, *message);
+    return fake.share(Operation::ClientShareFd, handle, 0, *message);
 }
-
 nex_status_t nexNipc_serviceShareFd(int32_t handle, uint16_t clientId, ShareFdMsg* message) {
-    return FakePlatform::instance().share(Operation::ServiceShareFd, handle, clientId, *message);
+    return fake.share(Operation::ServiceShareFd, handle, clientId, *message);
 }
-
-int ashmem_create_region(const char* name, size_t size) { return FakePlatform::instance().makeRegion(name, size); }
-}
+extern "C" int ashmem_create_region(const char* name, size_t size) { return fake.makeRegion(name, size); }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -16,17 +17,10 @@
 
 namespace nipctest {
 
-enum class Operation {
-    Start,
-    Connect,
-    Disconnect,
-    RpcAsync,
-    RpcSync,
-    Callback,
-    ClientShareFd,
-    ServiceShareFd,
-    AshmemCreateRegion
-};
+// clang-format off
+enum class Operation { Start, Connect, Disconnect, RpcAsync, RpcSync, Callback, ClientShareFd, ServiceShareFd,
+                       AshmemCreateRegion, Count };
+// clang-format on
 
 /// One call of an operation, with copies of everything it pointed to.
 struct Call {
@@ -95,29 +89,60 @@ public:
     static FakePlatform& instance();
 
     /// Forgets calls, script, hooks and listeners.
-    void reset();
-
+    void reset() {
+        const Lock lock(mutex);
+        recorded.clear();
+        scripts = {};
+        endpoints.clear();
+        syncAnswer = {};
+        acknowledgesShares = regionsCanBeMapped = true;
+    }
     /// The next `times` calls of `operation` return `status`.
-    void failNext(Operation operation, nex_status_t status, std::size_t times = 1);
+    void failNext(Operation operation, nex_status_t status, std::size_t times = 1) {
+        const Lock lock(mutex);
+        scriptOf(operation).results.assign(times, status);
+    }
     /// Runs `hook` inside the next call of `operation`, after its handle was written and before it returns.
-    void onNextCall(Operation operation, std::function<void(const Call&)> hook);
-    void answerSyncWith(SyncAnswer answer);
+    void onNextCall(Operation operation, std::function<void(const Call&)> hook) {
+        const Lock lock(mutex);
+        scriptOf(operation).hook.swap(hook);
+    }
+    void answerSyncWith(SyncAnswer answer) {
+        const Lock lock(mutex);
+        syncAnswer = std::move(answer);
+    }
     std::atomic<bool> acknowledgesShares{true};
     std::atomic<bool> regionsCanBeMapped{true};
 
-    std::vector<Call> calls(Operation operation) const;
-    void forgetCalls();
+    std::vector<Call> calls(Operation operation) const {
+        const Lock lock(mutex);
+        std::vector<Call> found;
+        for (const Call& call : recorded) {
+            if (call.operation == operation) found.push_back(call);
+        }
+        return found;
+    }
+    void forgetCalls() {
+        const Lock lock(mutex);
+        recorded.clear();
+    }
     /// Waits until `operation` was called `count` times; false when that took longer than `limit`.
     bool waitForCalls(Operation operation, std::size_t count,
                       std::chrono::milliseconds limit = std::chrono::seconds(10)) const;
 
     Delivered deliver(const Message& message);
-    Delivered deliverEvent(std::uint16_t eventId, std::uint16_t peerId = 0, std::int32_t status = 0);
-    /// An answer, when `requestContext` is not 0, else an event; to a client.
-    Delivered deliverCallback(std::uint16_t functionId, const std::string& payload, std::uintptr_t requestContext = 0);
+    Delivered deliverEvent(std::uint16_t eventId, std::uint16_t peerId = 0, std::int32_t status = 0) {
+        return deliver({EVENT, peerId, 0, eventId, {}, 0, status});
+    }
+    /// An answer, when `context` is not 0, else an event; to a client.
+    Delivered deliverCallback(std::uint16_t functionId, const std::string& payload, std::uintptr_t context = 0) {
+        return deliver({CALLBACK, 0, functionId, 0, payload, context});
+    }
     /// A request to a server.
-    Delivered deliverRequest(NipcMessageType type, std::uint16_t functionId, const std::string& payload,
-                             std::uint16_t clientId, std::uintptr_t requestContext = 0);
+    Delivered deliverRequest(std::uint32_t type, std::uint16_t functionId, const std::string& payload,
+                             std::uint16_t clientId, std::uintptr_t context = 0) {
+        return deliver({type, clientId, functionId, 0, payload, context, -1});
+    }
     Delivered deliverShare(const SharedMessage& shared);
     /// The peer has copied a shared payload.
     Delivered deliverAcknowledgement(std::uint16_t clientId = 0, std::int32_t handle = -1);
@@ -139,6 +164,7 @@ public:
     Endpoint endpoint(std::int32_t handle = -1) const;
 
 private:
+    using Lock = std::lock_guard<std::mutex>;
     struct Script {
         std::deque<nex_status_t> results;
         std::function<void(const Call&)> hook;
@@ -150,7 +176,7 @@ private:
     mutable std::mutex mutex;
     mutable std::condition_variable called;
     std::vector<Call> recorded;
-    std::array<Script, 9> scripts;
+    std::array<Script, static_cast<std::size_t>(Operation::Count)> scripts;
     std::vector<Endpoint> endpoints;
     SyncAnswer syncAnswer;
     std::int32_t nextHandle = 100;

@@ -89,23 +89,6 @@ void Journal::add(Line line) {
     if (hook) hook();
 }
 
-Lines Journal::lines() const {
-    const std::lock_guard<std::mutex> lock(mutex);
-    return entries;
-}
-
-std::size_t Journal::count(const std::string& text) const {
-    const std::lock_guard<std::mutex> lock(mutex);
-    const auto found = counts.find(text);
-    return found == counts.end() ? 0 : found->second;
-}
-
-void Journal::clear() {
-    const std::lock_guard<std::mutex> lock(mutex);
-    entries.clear();
-    counts.clear();
-}
-
 bool Journal::waitFor(const std::string& text) const {
     std::unique_lock<std::mutex> lock(mutex);
     return grown.wait_for(lock, std::chrono::seconds(10), [&] { return counts.count(text) > 0; });

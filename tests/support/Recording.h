@@ -42,9 +42,20 @@ public:
     explicit Journal(std::string connectorName) : name(std::move(connectorName)) {}
 
     void add(Line line);
-    Lines lines() const;
-    std::size_t count(const std::string& text) const;
-    void clear();
+    Lines lines() const {
+        const std::lock_guard<std::mutex> lock(mutex);
+        return entries;
+    }
+    std::size_t count(const std::string& text) const {
+        const std::lock_guard<std::mutex> lock(mutex);
+        const auto found = counts.find(text);
+        return found == counts.end() ? 0 : found->second;
+    }
+    void clear() {
+        const std::lock_guard<std::mutex> lock(mutex);
+        entries.clear();
+        counts.clear();
+    }
     /// Waits until a line of this text has come; false after ten seconds.
     bool waitFor(const std::string& text) const;
     /// Runs `hook` once, on the logging thread, when a line of this text or format comes.

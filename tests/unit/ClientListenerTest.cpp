@@ -88,20 +88,10 @@ TEST_F(ClientListener, DeliversEventsToTheLatestSubscriber) {
                           error("Failed to handle event")});
 
     const Subject bare = makeBare(Role::Client);
-    bare.journal->clear();
     EXPECT_FALSE(bare->subscribeForEvent("", "changed", nullptr));
     EXPECT_FALSE(bare->unsubscribeForEvent("", "changed"));
     EXPECT_FALSE(Access::handleFunctionCallback(*bare, 1002));
     bare.expectJournal({error("No callback manager found for this connector")});
-}
-
-TEST_F(ClientListener, HearsOfItsConnectionFromThePlatformToo) {
-    const Subject client = connectedClient();
-    time.clock += 5'000'000;
-    platform.deliverEvent(NEX_NIPC_EVENT_CONNECTION_DONE);
-    client.expectJournal(
-        {info("NEX_NIPC_EVENT_CONNECTION_DONE with status: %d", 0), info("Successfully connected to server")});
-    EXPECT_EQ(Access::connectionStartTime(*client), time.now());
 }
 
 }  // namespace

@@ -178,84 +178,62 @@ TEST_F(LargePayload, ReceivingFailuresSayWhy) {
     const auto clientHandle = platform.endpoint().handle;
     const Subject server = startedServer();
     const auto serverHandle = platform.endpoint().handle;
-    SharedMessage nullDescriptors, nullMetadata, empty, bad, unmappable, shortRegion;
-    nullDescriptors.nullDescriptors = nullMetadata.nullMetadata = true;
-    nullDescriptors.descriptor = nullMetadata.descriptor = empty.descriptor = bad.descriptor = -1;
-    empty.claimedLength = 0;
-    bad.claimedLength = unmappable.claimedLength = 5;
-    unmappable.descriptor = open("/dev/null", O_RDWR | O_CLOEXEC);
-    shortRegion.payload = "half";
-    shortRegion.claimedLength = 20000;
-    const SharedMessage whole{2000, "whole", 9};
-
+    const auto expect = [&](Role role, SharedMessage shared, const char* reason, unsigned int size, Lines last) {
+        SCOPED_TRACE(reason);
+        const bool toClient = role == Role::Client;
+        shared.message.peerId = 5;
+        shared.message.handle = toClient ? clientHandle : serverHandle;
+        EXPECT_EQ(platform.deliverShare(shared).status, toClient ? 0 : -1);
+        Lines lines = {debug("Handle callback"), processing};
+        if (!toClient) lines = {debug("received async function"), debug("received share fd function"), processing};
+        last.push_back(failure("processFd", reason, size));
+        if (!toClient) last.push_back(error("Failed to process fd"));
+        lines.insert(lines.end(), last.begin(), last.end());
+        (toClient ? client : server).expectJournal(lines);
+        EXPECT_EQ(sharedMemoryInUse(), 0U);
+    };
     const Line unreadable = error("failed reading from file descriptor");
+    SharedMessage shared;
+    shared.descriptor = -1;
+    shared.nullDescriptors = true;
+    expect(Role::Client, shared, "InvalidFileDescriptor", 0, {error("invalid file descriptor")});
+    shared.nullDescriptors = false;
+    shared.nullMetadata = true;
+    expect(Role::Client, shared, "InvalidMetadata", 0, {error("invalid metadata")});
+    shared.nullMetadata = false;
+    expect(Role::Server, shared, "InvalidDataLength", 0, {error("invalid data length")});
+    shared.claimedLength = 5;
+    expect(Role::Client, shared, "FailedReadingFromFd", 5, {unreadable});
+    shared.descriptor = open("/dev/null", O_RDWR | O_CLOEXEC);
+    expect(Role::Client, shared, "FailedReadingFromFd", 5, {unreadable});
+    EXPECT_EQ(fcntl(*shared.descriptor, F_GETFD), -1) << "closed though it could not be mapped";
+    shared = {0, "half", 0};
+    shared.claimedLength = 20000;
+    expect(Role::Client, shared, "FailedReadingFromFd", 20000, {unreadable});
+
+    const SharedMessage whole{2000, "whole", 9};
     const Line arrived = received("whole", 5);
     const Line toServer = debug("Sending async ACK back to server");
     const Line sending = debug("Sending async request via NIPC");
     const Line toClient = debug("Sending ACK event to clientId %d", 5);
-    const Line unhandled = error("Failed to handle async request");
-    const struct {
-        bool toClient;
-        SharedMessage shared;
-        Operation failing;
-        Lines lines;
-        const char* reason;
-        unsigned int size;
-    } cases[] = {
-        {true, nullDescriptors, {}, {error("invalid file descriptor")}, "InvalidFileDescriptor", 0},
-        {true, nullMetadata, {}, {error("invalid metadata")}, "InvalidMetadata", 0},
-        {false, empty, {}, {error("invalid data length")}, "InvalidDataLength", 0},
-        {true, bad, {}, {unreadable}, "FailedReadingFromFd", 5},
-        {true, unmappable, {}, {unreadable}, "FailedReadingFromFd", 5},
-        {true, shortRegion, {}, {unreadable}, "FailedReadingFromFd", 20000},
-        {true,
-         whole,
-         Operation::RpcAsync,
-         {arrived, toServer, sending, error("Failed to send async request, status: %d", -5),
-          error("Failed to send async request to server")},
-         "FailedSendingAckToServer",
-         5},
-        {false,
-         whole,
-         Operation::Callback,
-         {arrived, toClient, sendingEvent(0), error("Failed to send %s to clientId %d, status: %d", "event", 5, -5),
-          metric("EventSendFailure FailureReason=\"NipcCallbackFailedWithStatus-5\" RequestType=\"Event\" "
-                 "PayloadSize=0"),
-          error("Failed to send event to clientId %d", 5)},
-         "FailedSendingAckToClient",
-         5},
-        {true,
-         whole,
-         {},
-         {arrived, toServer, sending, debug("Handling function callback"),
-          error("Callback not found with id %llu, functionId %d", 9ULL, 2000),
-          error("Failed to handle function callback")},
-         "FailedHandlingFunctionCallback",
-         5},
-        {false,
-         whole,
-         {},
-         {arrived, toClient, sendingEvent(0), debug("Handling async request"),
-          debug("Handling async request with request name %s", ""),
-          error("Failed to find async handler for request name %s", ""), unhandled},
-         "FailedHandlingAsyncRequest",
-         5}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.reason);
-        if (c.failing != Operation()) platform.failNext(c.failing, -5);
-        SharedMessage shared = c.shared;
-        shared.message.peerId = 5;
-        shared.message.handle = c.toClient ? clientHandle : serverHandle;
-        EXPECT_EQ(platform.deliverShare(shared).status, c.toClient ? 0 : -1);
-        Lines lines = {debug("Handle callback"), processing};
-        if (!c.toClient) lines = {debug("received async function"), debug("received share fd function"), processing};
-        lines.insert(lines.end(), c.lines.begin(), c.lines.end());
-        lines.push_back(failure("processFd", c.reason, c.size));
-        if (!c.toClient) lines.push_back(error("Failed to process fd"));
-        (c.toClient ? client : server).expectJournal(lines);
-        EXPECT_EQ(sharedMemoryInUse(), 0U);
-    }
-    EXPECT_EQ(fcntl(*unmappable.descriptor, F_GETFD), -1) << "closed though it could not be mapped";
+    platform.failNext(Operation::RpcAsync, -5);
+    expect(Role::Client, whole, "FailedSendingAckToServer", 5,
+           {arrived, toServer, sending, error("Failed to send async request, status: %d", -5),
+            error("Failed to send async request to server")});
+    platform.failNext(Operation::Callback, -5);
+    expect(Role::Server, whole, "FailedSendingAckToClient", 5,
+           {arrived, toClient, sendingEvent(0), error("Failed to send %s to clientId %d, status: %d", "event", 5, -5),
+            metric("EventSendFailure FailureReason=\"NipcCallbackFailedWithStatus-5\" RequestType=\"Event\" "
+                   "PayloadSize=0"),
+            error("Failed to send event to clientId %d", 5)});
+    expect(Role::Client, whole, "FailedHandlingFunctionCallback", 5,
+           {arrived, toServer, sending, debug("Handling function callback"),
+            error("Callback not found with id %llu, functionId %d", 9ULL, 2000),
+            error("Failed to handle function callback")});
+    expect(Role::Server, whole, "FailedHandlingAsyncRequest", 5,
+           {arrived, toClient, sendingEvent(0), debug("Handling async request"),
+            debug("Handling async request with request name %s", ""),
+            error("Failed to find async handler for request name %s", ""), error("Failed to handle async request")});
 
     EXPECT_FALSE(Access::processFd(*client, nullptr));
     nexNipc_parameter_t blank{};
@@ -264,8 +242,7 @@ TEST_F(LargePayload, ReceivingFailuresSayWhy) {
                           error("invalid task buffer"), failure("processFd", "InvalidTaskBuffer", 0)});
 
     const Subject bare = makeBare(Role::Server);
-    bare.journal->clear();
-    SharedMessage shared = whole;
+    shared = whole;
     shared.message.peerId = 5;
     shared.message.userContext = bare.connector.get();
     shared.message.listener = [](nexNipc_parameter_t* parameter) {

@@ -24,7 +24,9 @@ const Line deinit = debug("deinitClient");
 const Line disconnected = debug("Disconnected from VLRS service");
 const Line notInitiated = error("Failed to initiate reconnection");
 
-Line initializing(const Subject& subject) { return debug("Initializing NIPCConnector for %s", subject.name.c_str()); }
+Line initializing(const Subject& subject) {
+    return debug("Initializing NIPCConnector for %s", subject.journal->name.c_str());
+}
 
 /// The lines, and then those of a connect that succeeds at the first attempt.
 Lines andConnects(Lines lines) {
@@ -205,7 +207,7 @@ TEST_F(Lifecycle, TheDestructorStopsAndDisconnectsAClientAndLeavesAServiceAlone)
         auto connector = std::make_unique<NIPCConnector>(role == Role::Client, "bare",
                                                          nipcconnector::NIPCServiceConfig{"service", 7},
                                                          recordingLogger(journal), recordingRecorder(journal));
-        const Subject subject{"bare", journal, {}};
+        const Subject subject{journal, {}};
         subject.expectJournal(
             {debug("NIPCConnector constructor for %s", "bare"),
              debug("NIPCConnector constructor for %s, server name: %s, uuid: %u", "bare", "service", 7U)});

@@ -45,7 +45,7 @@ TEST_F(Metrics, DimensionsOfTheCallerFollowTheCommonOnes) {
     own.name = "Counter";
     own.valueType = smarthome::TalvoraDimensionType::Integer;
     own.intValue = 5;
-    Access::recordMetric(*client, "", {own});
+    Access::recordMetric(*client, own);
     client.expectJournal({metric(" Counter=5")});
 }
 
@@ -57,7 +57,7 @@ TEST_F(Metrics, NeitherLoggerNorRecorderIsNeeded) {
                                  records ? recordingRecorder(journal) : nullptr);
             EXPECT_FALSE(client.initialize());
             EXPECT_EQ(client.makeAsyncRequest("", "name", "", 0, nullptr), RequestStatus::Failure);
-            EXPECT_FALSE(Access::sendSync(client, "", 0));
+            EXPECT_FALSE(Access::sendSync(client));
             EXPECT_FALSE(Access::sendLargePayload(client, nullptr, 20000));
             EXPECT_FALSE(Access::processFd(client, nullptr));
             journal->clear();

@@ -33,15 +33,6 @@ TEST(Names, StayClearOfTheReservedIdentifiersAndResolveToTheSmallest) {
     EXPECT_EQ(manager.getRequestName(1000), "");
 }
 
-TEST(Names, OfACallbackAreNeverUsedAgain) {
-    nipcconnector::CallbackManager manager;
-    EXPECT_EQ(manager.registerCallback(nullptr), 2U);
-    manager.removeCallback(2);
-    EXPECT_EQ(manager.registerCallback(nullptr), 3U);
-    EXPECT_FALSE(manager.executeCallback(1, true, nullptr, 0));
-    EXPECT_FALSE(manager.hasRecurringCallback());
-}
-
 TEST_F(ConnectorTest, OptionalOperationsOfTheContractHaveAnAnswer) {
     const Subject client = make(Role::Client);
     EXPECT_TRUE(client->GenericConnector::initialize());

@@ -2,6 +2,7 @@
 #include <cstring>
 
 #include "ConnectorTest.h"
+#include "connector/Registry.h"
 
 namespace nipctest {
 namespace {
@@ -144,7 +145,7 @@ TEST_F(Request, AnswersEndWhereTheBufferEnds) {
         const std::string& whole = c.answer.response;
         EXPECT_TRUE(std::equal(whole.begin(), whole.end(), result.response.begin()));
     }
-    EXPECT_TRUE(Access::sendSync(*client, "", 0)) << "nobody need ask for the answer";
+    EXPECT_TRUE(Access::sendSync(*client)) << "nobody need ask for the answer";
 }
 
 TEST_F(Request, RecordsAreFilledAsThePlatformExpects) {
@@ -201,6 +202,25 @@ TEST_F(Request, APayloadThatIsNullIsNeverRead) {
     EXPECT_EQ(client.journal->count("reason=RPCSyncFailed, status=-22"), 1U);
     EXPECT_EQ(client->makeAsyncRequest("", "name", nullptr, 20000, nullptr), RequestStatus::Failure);
     EXPECT_EQ(client.journal->count("sendLargePayload FailureReason=\"InvalidInput\" PayloadSize=20000"), 1U);
+}
+
+TEST_F(Request, ACallbackIdTravelsAsWideAsAPointerAndInAShareInItsLowHalf) {
+    constexpr std::uint64_t wideId = 0x100000005U;
+    constexpr bool narrow = sizeof(void*) == 4;
+    const Subject client = connectedClient();
+    Access::nextCallbackId(*nipcconnector::getCallbackManager(client.connector.get())) = wideId;
+    int answers = 0;
+    const auto count = [&answers](bool, const char*, unsigned int) { ++answers; };
+    ASSERT_EQ(client->makeAsyncRequest("", "name", "hi", 2, count), RequestStatus::Success);
+    const std::uintptr_t context = platform.calls(Operation::RpcAsync).back().requestContext;
+    EXPECT_EQ(context, static_cast<std::uintptr_t>(wideId));
+    platform.deliverCallback(ASYNC_RESPONSE_SUCCESS_ID, "", context);
+    EXPECT_EQ(answers, narrow ? 0 : 1) << "on a narrow target the answer names another callback";
+    EXPECT_EQ(client.journal->count("Callback not found with id 5, functionId 1002"), narrow ? 1U : 0U);
+
+    const std::string payload(16384, 'p');
+    ASSERT_EQ(client->makeAsyncRequest("", "name", payload.data(), 16384, {}), RequestStatus::Success);
+    EXPECT_EQ(platform.calls(Operation::ClientShareFd).back().requestContext, 6U);
 }
 
 }  // namespace

@@ -10,14 +10,13 @@ namespace {
 using smarthome::AsyncResponseCallback;
 
 /// What the application hands in: functions that throw, are empty, or call back when they are destroyed.
-class UserCode : public ConnectorTest {
-protected:
-    static std::size_t errors(const Subject& subject) {
-        std::size_t found = 0;
-        for (const auto& line : subject.journal->lines()) found += line.level == 'E' ? 1 : 0;
-        return found;
-    }
-};
+using UserCode = ConnectorTest;
+
+std::size_t errors(const Subject& subject) {
+    std::size_t found = 0;
+    for (const auto& line : subject.journal->lines()) found += line.level == 'E' ? 1 : 0;
+    return found;
+}
 
 TEST_F(UserCode, ThatThrowsOrIsEmptyIsContained) {
     const auto boom = [](const auto&...) -> void { throw std::runtime_error("boom"); };
@@ -49,35 +48,26 @@ TEST_F(UserCode, ThatThrowsOrIsEmptyIsContained) {
 }
 
 TEST_F(UserCode, ThatIsDestroyedMayCallTheConnector) {
-    struct Goodbye {
-        std::function<void()> say;
-        ~Goodbye() { say(); }
-    };
     const Subject subject = connectedClient();
     NIPCConnector& connector = *subject;
-    const auto goodbye = [&] {
-        auto farewell = std::make_shared<Goodbye>();
-        farewell->say = [&] {
+    const auto goodbye = [&connector] {  // Whose captures say so when they are destroyed.
+        const std::shared_ptr<void> farewell(nullptr, [&connector](void*) {
             connector.registerSyncRequestHandler("other", nullptr);
             connector.subscribeForEvent("", "other", nullptr);
             connector.setRecurringCallback(nullptr);
-        };
+        });
         return [farewell](const auto&...) {};
     };
-    const auto goodbyeSync = [&] {
-        return [call = goodbye()](const char*, unsigned int) { return std::vector<char>(); };
-    };
-    connector.registerSyncRequestHandler("sync", goodbyeSync());
-    connector.registerSyncRequestHandler("sync", goodbyeSync());
+    for (int replaced = 0; replaced < 2; ++replaced) {
+        connector.registerSyncRequestHandler(
+            "sync", [call = goodbye()](const char*, unsigned int) { return std::vector<char>(); });
+        connector.registerAsyncRequestHandler("async", goodbye());
+        connector.subscribeForEvent("", "event", goodbye());
+        connector.setRecurringCallback(goodbye());
+    }
     connector.unregisterSyncRequestHandler("sync");
-    connector.registerAsyncRequestHandler("async", goodbye());
-    connector.registerAsyncRequestHandler("async", goodbye());
     connector.unregisterAsyncRequestHandler("async");
-    connector.subscribeForEvent("", "event", goodbye());
-    connector.subscribeForEvent("", "event", goodbye());
     connector.unsubscribeForEvent("", "event");
-    connector.setRecurringCallback(goodbye());
-    connector.setRecurringCallback(goodbye());
     connector.setRecurringCallback(nullptr);
     platform.failNext(Operation::RpcAsync, -5);
     connector.makeAsyncRequest("", "name", "", 0, goodbye());
