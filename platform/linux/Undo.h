@@ -9,7 +9,7 @@ template <typename Work>
 class Undo {
 public:
     explicit Undo(Work work) : work_(std::move(work)) {}
-    ~Undo() {
+    ~Undo() {  // NOLINT(bugprone-exception-escape): undoing does not throw, see above
         if (armed_) work_();
     }
     Undo(const Undo&) = delete;
