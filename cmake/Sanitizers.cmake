@@ -2,9 +2,12 @@
 if(NIPC_SANITIZE)
   add_compile_options(-fsanitize=${NIPC_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   add_link_options(-fsanitize=${NIPC_SANITIZE})
-  if(NIPC_SANITIZE MATCHES undefined)
-    # To look at an object's type it opens a pipe, and without a descriptor to be had it takes each for a wrong
-    # one; the tests of that shortage would fail on correct code. AddressSanitizer sees dead objects all the same.
-    add_compile_options(-fno-sanitize=vptr)
-  endif()
 endif()
+
+# nipc_runs_short_of_descriptors(target): to look at an object's type, the sanitizer opens a pipe; without a descriptor
+# to be had it takes each type for a wrong one. What is tested in that shortage goes without this one check.
+function(nipc_runs_short_of_descriptors target)
+  if(NIPC_SANITIZE MATCHES undefined)
+    target_compile_options(${target} PRIVATE -fno-sanitize=vptr)
+  endif()
+endfunction()
