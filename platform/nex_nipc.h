@@ -1,4 +1,4 @@
-/**
+/** @file
  * The boundary to the platform's inter-process messaging library, libnex_nipc.
  *
  * Plain C. The connector calls the eight operations below and is called back through the listener; it

@@ -21,11 +21,15 @@ class SMARTHOME_EXPORT ILogger {
 public:
     virtual ~ILogger();
 
+    /// A change of state: connected, started, subscribed.
     virtual void info(const char* format, ...) NIPC_PRINTF_FORMAT = 0;
+    /// Every step, several lines per message. Some carry the whole payload: up to 5 MiB, and private.
     virtual void debug(const char* format, ...) NIPC_PRINTF_FORMAT = 0;
+    /// Something was lost, or does not work.
     virtual void error(const char* format, ...) NIPC_PRINTF_FORMAT = 0;
     /// Never called by the library; a logger need not supply it.
     virtual void verbose(const char* format, ...) NIPC_PRINTF_FORMAT;
+    /// Something is being tried again, or a call had no effect.
     virtual void warn(const char* format, ...) NIPC_PRINTF_FORMAT = 0;
 };
 

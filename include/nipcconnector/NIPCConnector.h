@@ -20,6 +20,7 @@ struct nexNipc_parameter_t;
 struct ServerStartRecord;
 struct ShareFdMsg;
 
+/// The connector of this library, and what an application supplies to it. Start reading at NIPCConnector.h.
 namespace nipcconnector {
 
 class CallbackManager;

@@ -19,8 +19,8 @@ enum class RequestStatus : std::int32_t {
 
 /// What a synchronous request returns.
 struct SyncRequestResult {
-    RequestStatus status = RequestStatus::Failure;
-    std::vector<char> response;  ///< The answer's bytes; empty on failure.
+    RequestStatus status = RequestStatus::Failure;  ///< Whether it was answered.
+    std::vector<char> response;                     ///< The answer's bytes; empty on failure.
 };
 
 namespace ConnectorConstants {

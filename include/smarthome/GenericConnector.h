@@ -28,8 +28,8 @@ public:
     virtual bool initialize();
 
 protected:
-    std::string name;
-    ConnectorConstants::ConnectorType type;
+    std::string name;                        ///< As given to the constructor.
+    ConnectorConstants::ConnectorType type;  ///< As given to the constructor.
 };
 
 }  // namespace smarthome

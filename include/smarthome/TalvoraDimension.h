@@ -20,7 +20,7 @@ struct TalvoraDimension {
     std::int64_t int64Value = 0;    ///< A value slot of the record that this library neither writes nor reads.
     std::int32_t intValue = 0;      ///< The value of an Integer dimension.
     std::int32_t predefinedId = 0;  ///< The id of a Predefined dimension, 1 to 13.
-    TalvoraDimensionType valueType = TalvoraDimensionType::String;
+    TalvoraDimensionType valueType = TalvoraDimensionType::String;  ///< Where the value is.
     bool flag = false;  ///< A trailing flag of the record that this library never sets.
 };
 

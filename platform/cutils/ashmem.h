@@ -1,4 +1,5 @@
-/** Android's shared memory, from the platform's utility library (libcutils; on Linux, libnex_nipc). */
+/** @file
+ *  Android's shared memory, from the platform's utility library (libcutils; on Linux, libnex_nipc). */
 #ifndef CUTILS_ASHMEM_H
 #define CUTILS_ASHMEM_H
 
