@@ -1,20 +1,17 @@
 #include "Connect.h"
 
-#include <poll.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <mutex>
 #include <set>
 #include <utility>
 
 #include "Endpoint.h"
+#include "Handshake.h"
 #include "Presence.h"
 #include "Process.h"
-#include "Settings.h"
-#include "Trust.h"
 
 namespace nexnipc {
 namespace {
@@ -23,7 +20,6 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::seconds kFirstWait(1);
 constexpr std::chrono::seconds kLaterWait(300);
-constexpr std::chrono::seconds kHandshakeLimit(2);
 constexpr int kSendLimitMs = 3000;
 
 // Who has waited in vain. Never destroyed, as a connect may outlive main().
@@ -53,38 +49,14 @@ private:
     std::set<std::pair<std::uint16_t, const void*>> waited_;
 };
 
-int awaitReadable(const PacketSocket& socket, Clock::time_point deadline) {
-    for (;;) {
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
-        if (left <= 0) return -ETIMEDOUT;
-        pollfd ready{socket.fd(), POLLIN, 0};
-        const int count = ::poll(&ready, 1, static_cast<int>(left));
-        if (count > 0) return 0;
-        if (count < 0 && errno != EINTR) return -errno;
-    }
-}
-
 int handshake(std::uint16_t uuid, PacketSocket socket, Connection& connection) {
-    Peer peer;
-    if (const int status = identifyPeer(socket.fd(), trustedGroup(), peer)) return status;
-    Hello hello;
-    hello.uuid = uuid;
-    FrameHeader header;
-    header.type = FrameType::Hello;
-    header.length = sizeof(hello);
-    if (const int status = socket.send(header, &hello, -1, Wait::No)) return status;
-    if (const int status = awaitReadable(socket, Clock::now() + kHandshakeLimit)) return status;
-    Welcome welcome;
-    Fd control;
-    const int length = socket.receiveInto(header, &welcome, sizeof(welcome), control);
-    if (length < 0) return length;
-    if (length != sizeof(welcome) || header.type != FrameType::Welcome || welcome.magic != kMagic) return -EPROTO;
-    if (header.status != 0) return header.status < 0 ? header.status : -EPROTO;
-    if (welcome.version != kVersion || !control.valid()) return -EPROTO;
+    Greeting greeting;
+    if (const int status = shakeHands(socket, uuid, 0, greeting)) return status;
+    if (!greeting.control.valid()) return -EPROTO;
     connection.main = std::move(socket);
-    connection.control = PacketSocket(std::move(control));
-    connection.ownProcess = peer.pid == ::getpid();
-    connection.serviceHandle = welcome.serviceHandle;
+    connection.control = PacketSocket(std::move(greeting.control));
+    connection.ownProcess = greeting.peer.pid == ::getpid();
+    connection.serviceHandle = greeting.welcome.serviceHandle;
     return 0;
 }
 

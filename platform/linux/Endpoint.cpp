@@ -18,16 +18,6 @@ namespace {
 
 constexpr int kBacklog = 128;
 
-// Opens the directory and checks it. Everything afterwards goes through the descriptor, so that it cannot be
-// exchanged under us.
-int openDirectory(const std::string& path, Fd& directory) {
-    directory.reset(::open(path.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (!directory.valid()) return -errno;
-    struct stat status {};
-    if (::fstat(directory.get(), &status) != 0) return -errno;
-    return checkDirectory(status);
-}
-
 // With its parents, which nobody else needs to look into either.
 int createDirectory(const std::string& path) {
     int status = ::mkdir(path.c_str(), 0700) == 0 ? 0 : -errno;
@@ -55,6 +45,17 @@ sockaddr_un addressIn(const Fd& directory, const std::string& name) {
 
 const sockaddr* generic(const sockaddr_un& address) { return reinterpret_cast<const sockaddr*>(&address); }
 
+}  // namespace
+
+// Everything afterwards goes through the descriptor, so that the directory cannot be exchanged under us.
+int openDirectory(const std::string& path, Fd& directory) {
+    directory.reset(::open(path.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!directory.valid()) return -errno;
+    struct stat status {};
+    if (::fstat(directory.get(), &status) != 0) return -errno;
+    return checkDirectory(status);
+}
+
 int dialIn(const std::string& path, std::uint16_t uuid, int sendLimitMs, PacketSocket& connected) {
     Fd directory;
     if (const int status = openDirectory(path, directory)) return status;
@@ -70,8 +71,6 @@ int dialIn(const std::string& path, std::uint16_t uuid, int sendLimitMs, PacketS
     connected = std::move(socket);
     return 0;
 }
-
-}  // namespace
 
 std::string socketName(std::uint16_t uuid) { return std::to_string(uuid) + ".sock"; }
 

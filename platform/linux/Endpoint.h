@@ -15,8 +15,14 @@ std::string socketName(std::uint16_t uuid);
 // Where a client looks for services, in this order.
 std::vector<std::string> searchedDirectories();
 
-// Connects to a service. -ECONNREFUSED says that nobody offers it; -ETIMEDOUT, that
-// too many others are before us in its queue. `sendLimitMs` stays in force for the socket.
+// Opens a directory of services, if it is one that may be trusted; 0 or a negative errno.
+int openDirectory(const std::string& path, Fd& directory);
+
+// Connects to the service of that directory; 0 or a negative errno.
+int dialIn(const std::string& path, std::uint16_t uuid, int sendLimitMs, PacketSocket& connected);
+
+// The same wherever it is: -ECONNREFUSED says that nobody offers it; -ETIMEDOUT, that too many others are before
+// us in its queue. `sendLimitMs` stays in force for the socket.
 int dial(std::uint16_t uuid, int sendLimitMs, PacketSocket& connected);
 
 // A service's place in the directory: its lock, which says that somebody lives here, and its socket.
