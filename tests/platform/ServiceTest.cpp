@@ -167,12 +167,12 @@ TEST_F(ServiceTest, OnlyASafeDirectoryIsUsedAndItIsCheckedEachTime) {
         mode_t mode;
         uid_t owner;
         bool link;
-        bool good;
+        nex_status_t status;
     } cases[] = {
-        {"made by the service", 0, 0, false, true},      {"private", 0700, 0, false, true},
-        {"written by everybody", 0777, 0, false, false}, {"written by others", 0702, 0, false, false},
-        {"written by a group", 0770, 0, false, false},   {"somebody else's", 0700, 65534, false, false},
-        {"behind a link", 0700, 0, true, false},
+        {"made by the service", 0, 0, false, 0},          {"private", 0700, 0, false, 0},
+        {"written by everybody", 0777, 0, false, -EPERM}, {"written by others", 0702, 0, false, -EPERM},
+        {"written by a group", 0770, 0, false, -EPERM},   {"somebody else's", 0700, 65534, false, -EPERM},
+        {"behind a link", 0700, 0, true, -ENOTDIR},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -183,13 +183,13 @@ TEST_F(ServiceTest, OnlyASafeDirectoryIsUsedAndItIsCheckedEachTime) {
         if (c.link) fs::create_symlink(real, place);
         setenv("NEX_NIPC_DIR", place.c_str(), 1);
         Endpoint service;
-        EXPECT_EQ(service.start(kUuid) == 0, c.good);
-        if (c.good) {
+        EXPECT_EQ(service.start(kUuid), c.status);
+        if (c.status == 0) {
             Endpoint client;
             EXPECT_EQ(client.connect(kUuid), 0);
             ASSERT_EQ(chmod(place.c_str(), 0777), 0);
             Endpoint late;
-            EXPECT_NE(late.connect(kUuid), 0);
+            EXPECT_EQ(late.connect(kUuid), -EPERM);
             EXPECT_EQ(client.call(kRequest, "x").response, "x");
         }
         service.disconnect();

@@ -1,6 +1,7 @@
 // What is promised of shared regions, their acknowledgements, and of peers that do not read.
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -18,6 +19,20 @@ namespace {
 int unsealedRegion() {
     const int region = memfd_create("test", MFD_CLOEXEC);
     return write(region, "payload", 7) == 7 ? region : -1;
+}
+
+// Nothing, where the machine has none of them.
+int hugeRegion() {
+    const int region = memfd_create("test", MFD_CLOEXEC | MFD_ALLOW_SEALING | MFD_HUGETLB);
+    if (region >= 0 && ftruncate(region, 1 << 30) == 0)
+        fcntl(region, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL);
+    return region;
+}
+
+int pipeEnd() {
+    int ends[2] = {-1, -1};
+    if (pipe2(ends, O_CLOEXEC) == 0) close(ends[0]);
+    return ends[1];
 }
 
 const std::string kPacket(16383, 'p');
@@ -66,12 +81,17 @@ TEST_F(SharingTest, OnlyASealedRegionOfTheClaimedSizeIsDelivered) {
         {"shorter than claimed", regionOf("payload"), 8, 10, true, true, ""},
         {"longer than any payload", regionOf(std::string(5242881, 'x')), 5242881, 10, true, true, ""},
         {"not a region", open("/dev/null", O_RDWR | O_CLOEXEC), 7, 10, true, true, ""},
+        {"a directory", open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC), 7, 10, true, true, ""},
+        {"a pipe", pipeEnd(), 7, 10, true, true, ""},
+        {"a socket", socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0), 7, 10, true, true, ""},
+        {"of huge pages", hugeRegion(), 7, 10, true, true, ""},
         {"no length", regionOf("payload"), 0, 10, true, true, ""},
         {"no descriptor", -1, 7, 10, false, true, ""},
         {"short metadata", regionOf("payload"), 7, 9, true, false, ""},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
+        if (c.region < 0 && c.hasDescriptors) continue;  // No huge pages here.
         const ShareFdMetadata metadata{c.length, kRequest, 0x87654321U};
         for (const bool toService : {true, false}) {
             Endpoint& from = toService ? client : service;

@@ -1,0 +1,168 @@
+// Who is let in, with what the kernel says of the other side told by a stand-in; and how much one process may take.
+#include <dlfcn.h>
+#include <grp.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <list>
+#include <optional>
+
+#include "PlatformTest.h"
+#include "RawPeer.h"
+
+using namespace nexnipc;
+
+namespace {
+
+struct Pretence {
+    std::optional<ucred> peer;
+    std::vector<gid_t> groups;
+    bool onThisThread = false;  // The client asks here, the service on a thread of the platform's.
+};
+std::mutex pretenceMutex;
+Pretence pretence;
+const std::thread::id mainThread = std::this_thread::get_id();
+
+int answerWith(const void* data, std::size_t length, void* value, socklen_t* size) {
+    const bool fits = *size >= length;
+    *size = static_cast<socklen_t>(length);
+    if (fits) std::memcpy(value, data, length);
+    if (!fits) errno = ERANGE;
+    return fits ? 0 : -1;
+}
+
+}  // namespace
+
+extern "C" __attribute__((visibility("default"))) int getsockopt(int socket, int level, int option, void* value,
+                                                                 socklen_t* size) noexcept {
+    {
+        const std::lock_guard<std::mutex> lock(pretenceMutex);
+        if (pretence.peer && level == SOL_SOCKET &&
+            pretence.onThisThread == (std::this_thread::get_id() == mainThread)) {
+            const std::vector<gid_t>& groups = pretence.groups;
+            if (option == SO_PEERCRED) return answerWith(&*pretence.peer, sizeof(ucred), value, size);
+            if (option == SO_PEERGROUPS) return answerWith(groups.data(), groups.size() * sizeof(gid_t), value, size);
+        }
+    }
+    static const auto real = reinterpret_cast<decltype(&getsockopt)>(dlsym(RTLD_NEXT, "getsockopt"));
+    return real(socket, level, option, value, size);
+}
+
+class TrustTest : public PlatformTest {
+protected:
+    ~TrustTest() override {
+        pretend({});
+        unsetenv("NEX_NIPC_GROUP");
+        unsetenv("NEX_NIPC_MAX_SYNC");
+    }
+
+    static void pretend(const Pretence& now) {
+        const std::lock_guard<std::mutex> lock(pretenceMutex);
+        pretence = now;
+    }
+    RawClient letIn() const { return ::letIn(directory.path + "/" + std::to_string(kUuid) + ".sock", kUuid); }
+};
+
+TEST_F(TrustTest, OnlyOurUserRootAndTheTrustedGroupTalkToEachOther) {
+    const group* const ours = getgrgid(getegid());
+    if (ours == nullptr) GTEST_SKIP() << "needs a group with a name";
+    const std::string trusted = ours->gr_name;
+    std::vector<gid_t> many(100, 4000);
+    many.back() = getegid();
+    const struct {
+        const char* name;
+        const char* group;
+        ucred peer;
+        std::vector<gid_t> groups;
+        nex_status_t status;
+    } cases[] = {
+        {"root", nullptr, {1, 0, 4001}, {}, 0},
+        {"our user", nullptr, {1, geteuid(), 4001}, {}, 0},
+        {"another user", nullptr, {1, 4000, 4001}, {}, -EACCES},
+        {"another user of our group", nullptr, {1, 4000, getegid()}, {getegid()}, -EACCES},
+        {"by the main group", trusted.c_str(), {1, 4000, getegid()}, {}, 0},
+        {"by one of the groups", trusted.c_str(), {1, 4000, 4001}, {4002, getegid()}, 0},
+        {"by one of many groups", trusted.c_str(), {1, 4000, 4001}, many, 0},
+        {"not a member", trusted.c_str(), {1, 4000, 4001}, {4002, 4003}, -EACCES},
+        {"a group that is none", "no-such-group", {1, 4000, getegid()}, {getegid()}, -EACCES},
+    };
+    for (const auto& c : cases) {
+        for (const bool service : {true, false}) {  // Who finds out whom it talks with.
+            SCOPED_TRACE(std::string(c.name) + (service ? ", to the service" : ", to the client"));
+            pretend({});
+            if (c.group != nullptr) setenv("NEX_NIPC_GROUP", c.group, 1);
+            Endpoint offered;
+            Endpoint client;
+            ASSERT_EQ(offered.start(kUuid), 0);
+            pretend({c.peer, c.groups, !service});
+            EXPECT_EQ(client.connect(kUuid) == 0, c.status == 0);
+            unsetenv("NEX_NIPC_GROUP");
+        }
+    }
+}
+
+TEST_F(TrustTest, TheTrustedGroupMayWriteTheDirectory) {
+    const group* const ours = getgrgid(getegid());
+    if (ours == nullptr) GTEST_SKIP() << "needs a group with a name";
+    ASSERT_EQ(chmod(directory.path.c_str(), 0770), 0);
+    EXPECT_EQ(Endpoint().start(kUuid), -EPERM);
+    setenv("NEX_NIPC_GROUP", ours->gr_name, 1);
+    EXPECT_EQ(Endpoint().start(kUuid), 0);
+    ASSERT_EQ(chmod(directory.path.c_str(), 0772), 0);
+    EXPECT_EQ(Endpoint().start(kUuid), -EPERM);
+}
+
+TEST_F(TrustTest, TheLongestSynchronousRequestHoldsOnEitherSide) {
+    const std::string longest(20000, 'x');
+    setenv("NEX_NIPC_MAX_SYNC", "20000", 1);
+    Endpoint service;
+    Endpoint client;
+    ASSERT_EQ(service.start(kUuid), 0);
+    ASSERT_EQ(client.connect(kUuid), 0);
+    setenv("NEX_NIPC_MAX_SYNC", "20000000000", 1);  // Not a length, so the usual one.
+    Endpoint bolder;
+    ASSERT_EQ(bolder.connect(kUuid), 0);
+    for (const Endpoint* each : {&client, &bolder}) {
+        EXPECT_EQ(each->call(kRequest, longest, 20000).response, longest);
+        EXPECT_EQ(each->call(kRequest, longest + "x", 20000).transport, -EMSGSIZE);
+        EXPECT_EQ(each->call(kRequest, "after it").response, "after it");
+    }
+    EXPECT_EQ(service.count(kRequest), 4U);
+}
+
+TEST_F(TrustTest, OneProcessGetsSoManyChannelsAndClients) {
+    Endpoint service;
+    Endpoint late;
+    ASSERT_EQ(service.start(kUuid), 0);
+    ASSERT_EQ(late.connect(kUuid), 0);
+    std::list<RawClient> clients;
+    const auto open = [&clients] {
+        std::string answer;
+        FrameHeader opened;
+        RawPeer channel;
+        clients.back().control.send(bytesOf(header(FrameType::OpenChannel, 0, 0)));
+        clients.back().control.receive(answer, channel);
+        answer.copy(reinterpret_cast<char*>(&opened), sizeof opened);
+        EXPECT_EQ(channel.valid(), opened.status == 0);
+        return opened.status;
+    };
+    const auto openAll = [&open] {
+        unsigned count = 0;
+        while (open() == 0) ++count;
+        return count;
+    };
+    for (const unsigned granted : {128U, 128U, 0U}) {
+        clients.push_back(letIn());
+        EXPECT_EQ(openAll(), granted);
+    }
+    EXPECT_EQ(late.call(kRequest, "x").transport, -EUSERS);
+    for (RawClient next = letIn(); next.control.valid(); next = letIn()) clients.push_back(std::move(next));
+    EXPECT_EQ(clients.size(), 127U);  // The late one is the 128th.
+    clients.front().control.send(bytesOf(header(FrameType::CloseChannel, 0, 0)));
+    EXPECT_TRUE(eventually([&] { return late.call(kRequest, "x").response == "x"; }));
+    clients.pop_front();
+    EXPECT_TRUE(eventually([&] { return letIn().control.valid(); }));
+}
