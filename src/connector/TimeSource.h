@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <mutex>
 
+#include "smarthome/Export.h"
+
 namespace nipcconnector {
 
 /// The one way by which time, sleep and jitter enter the connector, so that a test can run twenty minutes
@@ -25,7 +27,8 @@ public:
 /// The system's clock, unless a test has put another in its place.
 TimeSource& timeSource();
 
-/// Puts `source` in place of the system's clock, or that back when null. For tests.
-void setTimeSource(TimeSource* source);
+/// Puts `source` in place of the system's clock, or that back when null. For tests, of components
+/// too: exported, but in no public header.
+SMARTHOME_EXPORT void setTimeSource(TimeSource* source);
 
 }  // namespace nipcconnector

@@ -6,8 +6,8 @@
 #include <vector>
 
 #include "RawPlatform.h"
-#include "Recording.h"
 #include "nipcconnector/NIPCConnector.h"
+#include "nipcconnector/testing/Journal.h"
 
 using nipcconnector::NIPCConnector;
 
@@ -102,23 +102,26 @@ protected:
                                                                  const std::string&) { respond(true, data, length); });
     }
 
-    static std::shared_ptr<NIPCConnector> open(bool isClient, const std::shared_ptr<nipctest::Journal>& log) {
-        auto connector =
-            NIPCConnector::getInstance(isClient, "raw", {"raw", kUuid}, nipctest::recordingLogger(log), nullptr);
+    static std::shared_ptr<NIPCConnector> open(bool isClient,
+                                               const std::shared_ptr<nipcconnector::testing::Journal>& log) {
+        auto connector = NIPCConnector::getInstance(isClient, "raw", {"raw", kUuid},
+                                                    nipcconnector::testing::recordingLogger(log), nullptr);
         connector->initialize();
         return connector;
     }
 
     static std::shared_ptr<NIPCConnector> server;
     static std::shared_ptr<NIPCConnector> client;
-    static const std::shared_ptr<nipctest::Journal> serverLog;
-    static const std::shared_ptr<nipctest::Journal> clientLog;
+    static const std::shared_ptr<nipcconnector::testing::Journal> serverLog;
+    static const std::shared_ptr<nipcconnector::testing::Journal> clientLog;
 };
 
 std::shared_ptr<NIPCConnector> RawRecords::server;
 std::shared_ptr<NIPCConnector> RawRecords::client;
-const std::shared_ptr<nipctest::Journal> RawRecords::serverLog = std::make_shared<nipctest::Journal>("raw");
-const std::shared_ptr<nipctest::Journal> RawRecords::clientLog = std::make_shared<nipctest::Journal>("raw");
+const std::shared_ptr<nipcconnector::testing::Journal> RawRecords::serverLog =
+    std::make_shared<nipcconnector::testing::Journal>("raw");
+const std::shared_ptr<nipcconnector::testing::Journal> RawRecords::clientLog =
+    std::make_shared<nipcconnector::testing::Journal>("raw");
 
 TEST_F(RawRecords, AServiceStartsAndAClientConnects) {
     expectRecord(RAW_START, 1184,

@@ -12,9 +12,10 @@ namespace {
 
 Node make(bool isClient, const std::string& name, std::uint16_t uuid) {
     Node node;
-    node.journal = std::make_shared<nipctest::Journal>(name);
-    node.connector = Connector::getInstance(isClient, name, {name, uuid}, nipctest::recordingLogger(node.journal),
-                                            nipctest::recordingRecorder(node.journal));
+    node.journal = std::make_shared<nipcconnector::testing::Journal>(name);
+    node.connector =
+        Connector::getInstance(isClient, name, {name, uuid}, nipcconnector::testing::recordingLogger(node.journal),
+                               nipcconnector::testing::recordingRecorder(node.journal));
     return node;
 }
 

@@ -5,15 +5,15 @@
 #include <vector>
 
 #include "Process.h"
-#include "Recording.h"
 #include "nipcconnector/NIPCConnector.h"
+#include "nipcconnector/testing/Journal.h"
 
 using Connector = nipcconnector::NIPCConnector;
 
 /// A connector of this process and what it logged and measured. Connectors live until the process ends, so every
 /// test uses names and numbers of its own.
 struct Node {
-    std::shared_ptr<nipctest::Journal> journal;
+    std::shared_ptr<nipcconnector::testing::Journal> journal;
     std::shared_ptr<Connector> connector;
 };
 

@@ -7,12 +7,13 @@
 #include <vector>
 
 #include "ConnectorTestAccess.h"
-#include "FakePlatform.h"
-#include "FakeTime.h"
 #include "Faults.h"
 #include "Gate.h"
-#include "Recording.h"
+#include "nex_nipc.h"
 #include "nipcconnector/FunctionId.h"
+#include "nipcconnector/testing/FakePlatform.h"
+#include "nipcconnector/testing/FakeTime.h"
+#include "nipcconnector/testing/Journal.h"
 
 namespace nipctest {
 
@@ -20,6 +21,7 @@ using Access = nipcconnector::ConnectorTestAccess;
 using nipcconnector::computeFunctionId;
 using nipcconnector::NIPCConnector;
 using smarthome::RequestStatus;
+using namespace nipcconnector::testing;
 
 enum class Role { Client, Server };
 

@@ -12,7 +12,7 @@
 #include "nipcconnector/ILogger.h"
 #include "nipcconnector/IMetricsRecorder.h"
 
-namespace nipctest {
+namespace nipcconnector::testing {
 
 /// A log line as the logger got it (`format`) and as a reader sees it (`text`); or a metric, of level 'M', which
 /// reads `Name Key="value" Number=1`: the caller's dimensions, after the common ones were checked.
@@ -71,7 +71,7 @@ private:
     std::map<std::string, std::function<void()>> hooks;
 };
 
-std::unique_ptr<nipcconnector::ILogger> recordingLogger(std::shared_ptr<Journal> journal);
-std::unique_ptr<nipcconnector::IMetricsRecorder> recordingRecorder(std::shared_ptr<Journal> journal);
+std::unique_ptr<ILogger> recordingLogger(std::shared_ptr<Journal> journal);
+std::unique_ptr<IMetricsRecorder> recordingRecorder(std::shared_ptr<Journal> journal);
 
-}  // namespace nipctest
+}  // namespace nipcconnector::testing

@@ -1,10 +1,10 @@
-#include "Recording.h"
+#include "nipcconnector/testing/Journal.h"
 
 #include <chrono>
 #include <cstdarg>
 #include <cstdio>
 
-namespace nipctest {
+namespace nipcconnector::testing {
 namespace {
 
 using smarthome::TalvoraDimension;
@@ -31,27 +31,27 @@ Line makeLine(char level, const char* format, std::va_list arguments) {
     return {level, format, std::move(text)};
 }
 
-#define NIPCTEST_LINE(line, level)                  \
+#define NIPC_TESTING_LINE(line, level)              \
     std::va_list arguments;                         \
     va_start(arguments, format);                    \
     Line line = makeLine(level, format, arguments); \
     va_end(arguments)
-#define NIPCTEST_LOG(operation, level)                 \
+#define NIPC_TESTING_LOG(operation, level)             \
     void operation(const char* format, ...) override { \
-        NIPCTEST_LINE(line, level);                    \
+        NIPC_TESTING_LINE(line, level);                \
         journal->add(std::move(line));                 \
     }
 
-struct RecordingLogger : nipcconnector::ILogger {
+struct RecordingLogger : ILogger {
     explicit RecordingLogger(std::shared_ptr<Journal> target) : journal(std::move(target)) {}
-    NIPCTEST_LOG(info, 'I')
-    NIPCTEST_LOG(debug, 'D')
-    NIPCTEST_LOG(error, 'E')
-    NIPCTEST_LOG(warn, 'W')
+    NIPC_TESTING_LOG(info, 'I')
+    NIPC_TESTING_LOG(debug, 'D')
+    NIPC_TESTING_LOG(error, 'E')
+    NIPC_TESTING_LOG(warn, 'W')
     std::shared_ptr<Journal> journal;
 };
 
-struct RecordingRecorder : nipcconnector::IMetricsRecorder {
+struct RecordingRecorder : IMetricsRecorder {
     explicit RecordingRecorder(std::shared_ptr<Journal> target) : journal(std::move(target)) {}
     void record(const std::string& metricName, const std::vector<TalvoraDimension>& dimensions) override {
         std::string common, text;
@@ -66,15 +66,15 @@ struct RecordingRecorder : nipcconnector::IMetricsRecorder {
 
 }  // namespace
 
-#define NIPCTEST_MAKE(operation, level)       \
+#define NIPC_TESTING_MAKE(operation, level)   \
     Line operation(const char* format, ...) { \
-        NIPCTEST_LINE(line, level);           \
+        NIPC_TESTING_LINE(line, level);       \
         return line;                          \
     }
-NIPCTEST_MAKE(info, 'I')
-NIPCTEST_MAKE(debug, 'D')
-NIPCTEST_MAKE(error, 'E')
-NIPCTEST_MAKE(warn, 'W')
+NIPC_TESTING_MAKE(info, 'I')
+NIPC_TESTING_MAKE(debug, 'D')
+NIPC_TESTING_MAKE(error, 'E')
+NIPC_TESTING_MAKE(warn, 'W')
 
 void Journal::add(Line line) {
     std::unique_lock<std::mutex> lock(mutex);
@@ -99,12 +99,12 @@ void Journal::onLine(const std::string& textOrFormat, std::function<void()> hook
     hooks[textOrFormat] = std::move(hook);
 }
 
-std::unique_ptr<nipcconnector::ILogger> recordingLogger(std::shared_ptr<Journal> journal) {
+std::unique_ptr<ILogger> recordingLogger(std::shared_ptr<Journal> journal) {
     return std::make_unique<RecordingLogger>(std::move(journal));
 }
 
-std::unique_ptr<nipcconnector::IMetricsRecorder> recordingRecorder(std::shared_ptr<Journal> journal) {
+std::unique_ptr<IMetricsRecorder> recordingRecorder(std::shared_ptr<Journal> journal) {
     return std::make_unique<RecordingRecorder>(std::move(journal));
 }
 
-}  // namespace nipctest
+}  // namespace nipcconnector::testing
