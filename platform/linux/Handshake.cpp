@@ -35,10 +35,13 @@ int shakeHands(const PacketSocket& socket, std::uint16_t uuid, std::uint16_t fla
     FrameHeader header;
     header.type = FrameType::Hello;
     header.length = sizeof(hello);
-    if (const int status = socket.send(header, &hello, -1, Wait::No)) return status;
+    // A service that refuses whom it sees answers and closes without reading: the answer outlives the reset.
+    const int sent = socket.send(header, &hello, -1, Wait::No);
+    if (sent != 0 && sent != -ECONNRESET) return sent;
     if (const int status = awaitReadable(socket, Clock::now() + kHandshakeLimit)) return status;
     Welcome& welcome = greeting.welcome;
-    const int length = socket.receiveInto(header, &welcome, sizeof(welcome), greeting.control);
+    int length = socket.receiveInto(header, &welcome, sizeof(welcome), greeting.control);
+    if (length == -ECONNRESET) length = socket.receiveInto(header, &welcome, sizeof(welcome), greeting.control);
     if (length < 0) return length;
     if (length != sizeof(welcome) || header.type != FrameType::Welcome || welcome.magic != kMagic) return -EPROTO;
     if (header.status != 0) return header.status < 0 ? header.status : -EPROTO;
