@@ -44,6 +44,12 @@ need_clang_runtime() {
     need "libclang-rt-${version%%.*}-dev"
 }
 
+# Where ccache is installed, what several build directories have in common is compiled once.
+if command -v ccache >/dev/null; then
+    export CMAKE_C_COMPILER_LAUNCHER=ccache CMAKE_CXX_COMPILER_LAUNCHER=ccache
+    export CCACHE_BASEDIR=$root CCACHE_NOHASHDIR=1
+fi
+
 # build_tree DIR [CMAKE-ARGUMENT...]: configures and builds the tree into DIR.
 build_tree() {
     local directory=$1
