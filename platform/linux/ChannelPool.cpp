@@ -7,8 +7,8 @@
 
 namespace nexnipc {
 
-ChannelPool::ChannelPool(const PacketSocket& control, std::int64_t timeoutMs)
-    : control_(control), timeoutMs_(timeoutMs) {
+ChannelPool::ChannelPool(const PacketSocket& control, std::int64_t timeoutMs, std::chrono::microseconds spinLimit)
+    : control_(control), timeoutMs_(timeoutMs), spinLimit_(spinLimit) {
     channels_.reserve(kChannelsPerClient);
     free_.reserve(kChannelsPerClient);
 }
@@ -73,7 +73,7 @@ bool ChannelPool::opened(std::uint32_t number, int status, PacketSocket socket) 
         ++refusals_;
     } else {
         if (timeoutMs_ > 0) socket.setReceiveLimit(timeoutMs_);
-        channels_.push_back(std::make_unique<Channel>(Channel{std::move(socket), number}));
+        channels_.push_back(std::make_unique<Channel>(Channel{std::move(socket), number, Spin(spinLimit_)}));
         free_.push_back(channels_.back().get());
         if (shut_) channels_.back()->socket.shutdown();
     }

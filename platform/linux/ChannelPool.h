@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "PacketSocket.h"
+#include "Spin.h"
 
 namespace nexnipc {
 
@@ -15,12 +16,13 @@ namespace nexnipc {
 struct Channel {
     PacketSocket socket;
     std::uint32_t number = 0;
+    Spin spin;
 };
 
 // The channels of one connection: opened when a caller finds none free, kept for the next. Thread-safe.
 class ChannelPool {
 public:
-    ChannelPool(const PacketSocket& control, std::int64_t timeoutMs);
+    ChannelPool(const PacketSocket& control, std::int64_t timeoutMs, std::chrono::microseconds spinLimit);
 
     // Waits until one is free; 0 or a negative errno.
     int take(Channel*& channel);
@@ -37,6 +39,7 @@ private:
 
     const PacketSocket& control_;
     const std::int64_t timeoutMs_;
+    const std::chrono::microseconds spinLimit_;
     std::mutex mutex_;
     std::condition_variable changed_;
     std::vector<std::unique_ptr<Channel>> channels_;

@@ -30,7 +30,8 @@ Client::Client(std::int32_t number, const ClientConnectRecord& record, Connectio
       ownProcess_(connection.ownProcess),
       serviceHandle_(connection.serviceHandle),
       maxSync_(maxSyncLength()),
-      channels_(control_, syncTimeoutMs()) {}
+      spinLimit_(connection.apart ? spinLimit() : std::chrono::microseconds(0)),
+      channels_(control_, syncTimeoutMs(), spinLimit_) {}
 
 int Client::connect(std::int32_t* handle, const ClientConnectRecord& record) {
     Process& process = Process::get();

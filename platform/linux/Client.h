@@ -8,6 +8,7 @@
 #include "ChannelPool.h"
 #include "Connect.h"
 #include "PacketSocket.h"
+#include "Spin.h"
 #include "Upcall.h"
 
 namespace nexnipc {
@@ -38,13 +39,13 @@ private:
     bool handleControl(Packet& packet);
 
     void deliver();
-    bool takePackets(PacketBatch& batch);
+    bool takePackets(PacketBatch& batch, Spin& spin);
     bool handlePacket(Packet& packet);
     bool handleCallback(Packet& packet);
     bool handleShare(Packet& packet);
 
     int acknowledge();
-    int exchange(const Channel& channel, const FrameHeader& request, const void* payload, int descriptor,
+    int exchange(Channel& channel, const FrameHeader& request, const void* payload, int descriptor,
                  SyncRpcRecord& record);
     int takeAnswer(const FrameHeader& answer, int inlineLength, const Fd& memory, SyncRpcRecord& record) const;
 
@@ -54,6 +55,7 @@ private:
     const bool ownProcess_;             // the service is in this process,
     const std::int32_t serviceHandle_;  // under this handle
     const std::uint32_t maxSync_;
+    const std::chrono::microseconds spinLimit_;
     ChannelPool channels_;
     AckSequence acks_;
     std::atomic<std::uint64_t> controlSource_{0};

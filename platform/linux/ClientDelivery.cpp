@@ -9,9 +9,10 @@ namespace nexnipc {
 void Client::deliver() {
     try {
         PacketBatch batch;
+        Spin spin(spinLimit_);
         Call connected = Call::event(NEX_NIPC_EVENT_CONNECTION_DONE, uuid_);
         bool open = upcall.run(connected);
-        while (open) open = takePackets(batch);
+        while (open) open = takePackets(batch, spin);
     } catch (...) {
         // Out of memory: the connection is given up, and that is told.
     }
@@ -21,8 +22,13 @@ void Client::deliver() {
     upcall.run(down);
 }
 
-bool Client::takePackets(PacketBatch& batch) {
-    const PacketBatch::Result result = batch.receive(main_, Wait::Yes);
+bool Client::takePackets(PacketBatch& batch, Spin& spin) {
+    PacketBatch::Result result;
+    const auto receive = [&](Wait wait) {
+        result = batch.receive(main_, wait);
+        return result.status != -EAGAIN;
+    };
+    if (!spin.finds([&] { return receive(Wait::No); })) receive(Wait::Yes);
     for (unsigned i = 0; i < result.count; ++i) {
         if (disconnected_ || !handlePacket(batch[i])) return false;
     }

@@ -12,6 +12,7 @@
 #include "Handshake.h"
 #include "Presence.h"
 #include "Process.h"
+#include "Spin.h"
 
 namespace nexnipc {
 namespace {
@@ -56,6 +57,7 @@ int handshake(std::uint16_t uuid, PacketSocket socket, Connection& connection) {
     connection.main = std::move(socket);
     connection.control = PacketSocket(std::move(greeting.control));
     connection.ownProcess = greeting.peer.pid == ::getpid();
+    connection.apart = canRunApart(greeting.peer.pid);
     connection.serviceHandle = greeting.welcome.serviceHandle;
     return 0;
 }

@@ -11,6 +11,7 @@ struct Connection {
     PacketSocket main;
     PacketSocket control;
     bool ownProcess = false;
+    bool apart = false;  // the service may run on another processor than we
     std::int32_t serviceHandle = 0;
 };
 

@@ -71,7 +71,8 @@ int PacketSocket::send(const FrameHeader& header, const void* payload, int descr
     }
 }
 
-int PacketSocket::receiveInto(FrameHeader& header, void* payload, std::size_t capacity, Fd& descriptor) const {
+int PacketSocket::receiveInto(FrameHeader& header, void* payload, std::size_t capacity, Fd& descriptor,
+                              Wait wait) const {
     iovec vectors[2] = {{&header, sizeof(header)}, {payload, capacity}};
     alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];
     msghdr message{};
@@ -80,11 +81,12 @@ int PacketSocket::receiveInto(FrameHeader& header, void* payload, std::size_t ca
     message.msg_control = control;
     message.msg_controllen = sizeof(control);
     Restart restart(fd_.get(), SO_RCVTIMEO);
-    ssize_t length = ::recvmsg(fd_.get(), &message, MSG_CMSG_CLOEXEC);
+    const int flags = MSG_CMSG_CLOEXEC | (wait == Wait::No ? MSG_DONTWAIT : 0);
+    ssize_t length = ::recvmsg(fd_.get(), &message, flags);
     while (length < 0) {
         if (errno != EINTR) return -errno;
         if (!restart.allowed()) return -EAGAIN;
-        length = ::recvmsg(fd_.get(), &message, MSG_CMSG_CLOEXEC);
+        length = ::recvmsg(fd_.get(), &message, flags);
     }
     const unsigned count = adoptDescriptors(message, descriptor);  // which an empty packet may bring as well
     if (length == 0) return -ECONNRESET;

@@ -27,8 +27,9 @@ public:
     int send(const FrameHeader& header, const void* payload, int descriptor, Wait wait) const;
 
     // One frame straight into the caller's memory. Returns the inline length, or a negative errno:
-    // -ECONNRESET at the end, -EPROTO for what no frame can be.
-    int receiveInto(FrameHeader& header, void* payload, std::size_t capacity, Fd& descriptor) const;
+    // -ECONNRESET at the end, -EPROTO for what no frame can be, -EAGAIN as with send().
+    int receiveInto(FrameHeader& header, void* payload, std::size_t capacity, Fd& descriptor,
+                    Wait wait = Wait::Yes) const;
 
     void shutdown() const;
     void setSendLimit(int milliseconds) const;

@@ -1,20 +1,34 @@
 #include "ServiceDelivery.h"
 
-#include <sys/epoll.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 
 #include "SealedMemory.h"
+#include "Settings.h"
 
 namespace nexnipc {
 namespace {
 
+constexpr unsigned kLooksBetween = 8;
+
 thread_local std::int32_t deliveredHandle = 0;
 
+// False also when memory ran out: the client it was done for is given up, and it alone.
+template <typename Work>
+bool attempt(const Work& work) {
+    try {
+        return work();
+    } catch (...) {
+        return false;
+    }
+}
+
 }  // namespace
+
+ServiceDelivery::ServiceDelivery(std::shared_ptr<Service> service)
+    : pinned_(std::move(service)), service_(*pinned_), spin_(spinLimit()) {}
 
 bool Service::delivers(std::int32_t handle) { return deliveredHandle == handle; }
 
@@ -30,18 +44,49 @@ void ServiceDelivery::run() {
 }
 
 void ServiceDelivery::loop() {
-    std::array<epoll_event, 16> events{};
     while (!service_.stopped_) {
-        const int count = ::epoll_wait(service_.epoll_.get(), events.data(), static_cast<int>(events.size()), -1);
-        for (int i = 0; i < count && !service_.stopped_; ++i) {
-            const std::uint64_t from = events[static_cast<std::size_t>(i)].data.u64;
-            if (from == kInbox) {
-                takeInbox();
-            } else {
-                serve(static_cast<std::uint16_t>(from), events[static_cast<std::size_t>(i)].events);
-            }
+        if (!lookAgain()) serveEvents(poll(-1));
+    }
+}
+
+int ServiceDelivery::poll(int timeout) {
+    return ::epoll_wait(service_.epoll_.get(), events_.data(), static_cast<int>(events_.size()), timeout);
+}
+
+void ServiceDelivery::serveEvents(int count) {
+    for (int i = 0; i < count && !service_.stopped_; ++i) {
+        const epoll_event& event = events_[static_cast<std::size_t>(i)];
+        latest_ = 0;
+        if (event.data.u64 == kInbox) {
+            takeInbox();
+        } else {
+            serve(static_cast<std::uint16_t>(event.data.u64), event.events);
+            if (count == 1) latest_ = static_cast<std::uint16_t>(event.data.u64);
         }
     }
+}
+
+// Who asked last is likely to ask next: its socket is read directly, the others are looked at now and then.
+bool ServiceDelivery::lookAgain() {
+    const auto found = active_.find(latest_);
+    if (found == active_.end() || !found->second->apart || found->second->holdReading()) return false;
+    const SessionPtr session = found->second;
+    PacketBatch::Result result;
+    int others = 0;
+    const auto look = [&] {
+        others = ++looks_ % kLooksBetween == 0 ? poll(0) : 0;
+        if (others == 0) result = batch_.receive(session->main, Wait::No);
+        return others != 0 || result.status != -EAGAIN;
+    };
+    if (!spin_.finds(look)) return false;
+    if (others != 0) {
+        serveEvents(others);
+    } else {
+        const bool good = attempt([&] { return !session->closed && handleAll(*session, result); });
+        batch_.discard();
+        if (!good) leave(session);
+    }
+    return true;
 }
 
 // However it ended: no client waits for an answer that nobody gives.
@@ -94,12 +139,7 @@ void ServiceDelivery::serve(std::uint16_t clientId, std::uint32_t events) {
     const auto found = active_.find(clientId);
     if (found == active_.end()) return;
     SessionPtr session = found->second;
-    bool good = false;
-    try {
-        good = !session->closed && readTurn(*session, events);
-    } catch (...) {
-        // Out of memory for this client: it alone is given up.
-    }
+    const bool good = attempt([&] { return !session->closed && readTurn(*session, events); });
     batch_.discard();
     if (!good) leave(std::move(session));
 }
@@ -108,7 +148,10 @@ bool ServiceDelivery::readTurn(Session& session, std::uint32_t events) {
     // A client that is gone takes nothing from its queue any more; what it sent is read to the end.
     const bool gone = (events & (EPOLLHUP | EPOLLERR)) != 0;
     if (session.holdReading() && !gone) return watch(session, EPOLL_CTL_MOD, 0);
-    const PacketBatch::Result result = batch_.receive(session.main, Wait::No);
+    return handleAll(session, batch_.receive(session.main, Wait::No));
+}
+
+bool ServiceDelivery::handleAll(Session& session, const PacketBatch::Result& result) {
     for (unsigned i = 0; i < result.count; ++i) {
         if (service_.stopped_) return true;
         if (session.closed || !handle(session, batch_[i])) return false;

@@ -1,11 +1,15 @@
 #pragma once
 
+#include <sys/epoll.h>
+
+#include <array>
 #include <cstdint>
 #include <memory>
 #include <unordered_map>
 
 #include "PacketSocket.h"
 #include "Service.h"
+#include "Spin.h"
 
 namespace nexnipc {
 
@@ -15,17 +19,21 @@ public:
     // The wake-up's number among those of clients.
     static constexpr std::uint64_t kInbox = 1U << 16;
 
-    explicit ServiceDelivery(std::shared_ptr<Service> service) : pinned_(std::move(service)), service_(*pinned_) {}
+    explicit ServiceDelivery(std::shared_ptr<Service> service);
     void run();
 
 private:
     using SessionPtr = std::shared_ptr<Session>;
 
     void loop();
+    bool lookAgain();
+    int poll(int timeout);
+    void serveEvents(int count);
     void takeInbox();
     void arrive(const SessionPtr& session);
     void serve(std::uint16_t clientId, std::uint32_t events);
     bool readTurn(Session& session, std::uint32_t events);
+    bool handleAll(Session& session, const PacketBatch::Result& result);
     bool handle(Session& session, Packet& packet);
     bool handleAsync(Session& session, Packet& packet);
     bool handleShare(Session& session, Packet& packet);
@@ -38,6 +46,10 @@ private:
     const std::shared_ptr<Service> pinned_;
     Service& service_;
     PacketBatch batch_;
+    std::array<epoll_event, 16> events_{};
+    Spin spin_;
+    std::uint16_t latest_ = 0;  // the client that was served last, when it was the only one
+    unsigned looks_ = 0;
     std::unordered_map<std::uint16_t, SessionPtr> active_;
 };
 

@@ -5,6 +5,7 @@
 #include <cerrno>
 
 #include "Service.h"
+#include "Spin.h"
 #include "nex_nipc.h"
 
 namespace nexnipc {
@@ -13,6 +14,7 @@ Session::Session(std::uint16_t number, Peer who, PacketSocket mainSocket, Packet
                  std::shared_ptr<QueueBudget> budget, std::weak_ptr<Service> service)
     : id(number),
       peer(who),
+      apart(canRunApart(who.pid)),
       main(std::move(mainSocket)),
       control_(std::move(control)),
       lane_(lane),

@@ -40,6 +40,7 @@ public:
 
     const std::uint16_t id;
     const Peer peer;
+    const bool apart;  // it may run on another processor than we
     const PacketSocket main;
     SyncSlots slots;
     AckSequence acks;

@@ -66,4 +66,6 @@ std::int64_t syncTimeoutMs() {
     return static_cast<std::int64_t>(readNumber("NEX_NIPC_SYNC_TIMEOUT_MS", 0, 24U * 3600 * 1000));
 }
 
+std::chrono::microseconds spinLimit() { return std::chrono::microseconds(readNumber("NEX_NIPC_SPIN", 20, 1000)); }
+
 }  // namespace nexnipc

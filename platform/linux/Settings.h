@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -17,5 +18,7 @@ std::optional<unsigned> trustedGroup();
 std::uint32_t maxSyncLength();
 // How long a synchronous request waits for its answer; 0: as long as it takes.
 std::int64_t syncTimeoutMs();
+// How long to look for the next message before sleeping; 0: not at all.
+std::chrono::microseconds spinLimit();
 
 }  // namespace nexnipc

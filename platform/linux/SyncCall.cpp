@@ -30,13 +30,18 @@ int Client::callSync(SyncRpcRecord& record) {
     return status;
 }
 
-int Client::exchange(const Channel& channel, const FrameHeader& request, const void* payload, int descriptor,
+int Client::exchange(Channel& channel, const FrameHeader& request, const void* payload, int descriptor,
                      SyncRpcRecord& record) {
     int status = main_.send(request, payload, descriptor, Wait::Yes);
     if (status != 0) return status == -EAGAIN ? -ETIMEDOUT : status;
     FrameHeader answer;
     Fd memory;
-    const int length = channel.socket.receiveInto(answer, record.response, record.responseLength, memory);
+    int length = 0;
+    const auto receive = [&](Wait wait) {
+        length = channel.socket.receiveInto(answer, record.response, record.responseLength, memory, wait);
+        return length != -EAGAIN;
+    };
+    if (!channel.spin.finds([&] { return receive(Wait::No); })) receive(Wait::Yes);
     if (length < 0) return length == -EAGAIN ? -ETIMEDOUT : length;
     // A channel whose call was given up is closed, so no other answer can stand in it.
     if (answer.type != FrameType::SyncReply || answer.sequence != request.sequence) return -EPROTO;
