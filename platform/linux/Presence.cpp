@@ -10,6 +10,7 @@
 #include <tuple>
 
 #include "Endpoint.h"
+#include "Undo.h"
 
 namespace nexnipc {
 namespace {
@@ -47,12 +48,15 @@ int Presence::Wait::refresh() {
         before.swap(watched_);
         changed_ = false;
     }
+    // Only then: what is watched before and after is watched without a gap.
+    const Undo dropped([&] {
+        std::lock_guard<std::mutex> lock(presence_.mutex_);
+        for (const auto& watched : before) presence_.dropWatch(watched.first);
+    });
     int status = presence_.start();
     for (const std::string& directory : searchedDirectories()) {
         if (status == 0) status = watchFor(directory);
     }
-    std::lock_guard<std::mutex> lock(presence_.mutex_);
-    for (const auto& watched : before) presence_.dropWatch(watched.first);
     return status;
 }
 
@@ -66,9 +70,10 @@ int Presence::Wait::watchFor(const std::string& directory) {
         if (!opened.valid() && (errno != ENOENT || top)) return errno == ENOTDIR || errno == EACCES ? 0 : -errno;
         if (opened.valid()) {
             std::lock_guard<std::mutex> lock(presence_.mutex_);
+            watched_.emplace_back(-1, awaited);  // first, so that no watch is without its owner
             const int watch = presence_.addWatch(opened.get());
+            watched_.back().first = watch;
             if (watch < 0) return watch == -EACCES ? 0 : watch;
-            watched_.emplace_back(watch, awaited);
         }
         const bool complete = path == directory;
         if (opened.valid() && complete) return 0;
@@ -105,7 +110,11 @@ int Presence::addWatch(int directory) {
     const std::string path = "/proc/self/fd/" + std::to_string(directory);
     const int watch = ::inotify_add_watch(inotify_.get(), path.c_str(), kEvents);
     if (watch < 0) return -errno;
+    Undo undo([&] {
+        if (uses_.count(watch) == 0) ::inotify_rm_watch(inotify_.get(), watch);
+    });
     ++uses_[watch];
+    undo.dismiss();
     return watch;
 }
 
