@@ -16,12 +16,16 @@ NIPCConnector::AsyncRetryManager::~AsyncRetryManager() { stopRetry(); }
 
 bool NIPCConnector::AsyncRetryManager::startRetry(std::function<std::int32_t()> newOperation,
                                                   const std::string& newOperationName) {
-    if (!ConnectorGate::isOpen(connector)) return false;  // It is being destroyed.
     bool starts = false;
     std::string newName = newOperationName;
     {
         const std::lock_guard<std::mutex> lock(mutex);
         starts = !active.exchange(true);
+        // Who ends the connector closes it first and clears `active` then: either he sees this start, or it sees him.
+        if (!ConnectorGate::isOpen(connector)) {
+            if (starts) active = false;
+            return false;
+        }
         startRefused = !starts;
         (starts ? operation : refusedOperation).swap(newOperation);
         (starts ? operationName : refusedName).swap(newName);

@@ -49,14 +49,13 @@ std::int32_t NIPCConnector::startService(const ServerStartRecord& record) {
     guards->serviceHandle = -1;
     guards->starting = true;
     const nex_status_t status = nexNipc_start(&guards->serviceHandle, &record);
-    guards->starting = false;
-    if (status == 0) {
-        const std::lock_guard<std::mutex> lock(connectionMutex);
-        nipcHandle = guards->serviceHandle;
-        isConnected = true;
-        retryManager.forgetRefusedStart();
-    }
-    return status;
+    const std::lock_guard<std::mutex> lock(connectionMutex);
+    guards->starting = false;  // Not before the listener can find the handle in its place.
+    if (status != 0) return status;
+    nipcHandle = guards->serviceHandle;
+    isConnected = true;
+    retryManager.forgetRefusedStart();
+    return 0;
 }
 
 std::int32_t NIPCConnector::startServiceAgain(const ServerStartRecord& record) {
