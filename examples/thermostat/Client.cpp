@@ -4,22 +4,24 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "ConnectionState.h"
 #include "Protocol.h"
-#include "StdoutLogger.h"
+#include "StdoutRecorder.h"
 #include "StopSignal.h"
 #include "Tour.h"
+#include "nipcconnector/adapters/ConnectionWatch.h"
+#include "nipcconnector/adapters/StderrLogger.h"
 
 namespace {
 
 using namespace thermostat;
+using nipcconnector::ConnectionWatch;
 using nipcconnector::NIPCConnector;
 
 /// Waits until the service is there and answers: a connection that has just died counts as one for a moment
 /// longer. False when the process is asked to stop first.
-bool waitUntilServed(NIPCConnector& client, const ConnectionState& state, Tour& tour) {
+bool waitUntilServed(NIPCConnector& client, const ConnectionWatch& watch, Tour& tour) {
     for (;;) {
-        if (waitUntilConnected(client, state, std::chrono::milliseconds(500)) && tour.temperature()) return true;
+        if (watch.waitUntilConnected(client, std::chrono::milliseconds(500)) && tour.temperature()) return true;
         if (stopRequested(std::chrono::milliseconds(10))) return false;
     }
 }
@@ -33,12 +35,11 @@ bool watchUntilLost(Tour& tour) {
 }
 
 /// The life of the client; false when any answer was not what it should be.
-bool live(NIPCConnector& client, const ConnectionState& state, Tour& tour) {
-    for (int round = 1; waitUntilServed(client, state, tour); ++round) {
+bool live(NIPCConnector& client, const ConnectionWatch& watch, Tour& tour) {
+    for (int round = 1; waitUntilServed(client, watch, tour); ++round) {
         std::printf("round %d: connected\n", round);
         const bool right = tour.run();
         client.reportAggregateMetrics();
-        std::printf("%s\n", state.report().c_str());
         std::printf("round %d: %s\n", round, right ? "everything is right" : "SOMETHING IS WRONG");
         if (!right) return false;
         if (!watchUntilLost(tour)) return true;
@@ -57,13 +58,13 @@ int main(int argc, char** argv) {
     holdStopSignals();
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
 
-    const auto state = std::make_shared<ConnectionState>();
-    const auto client =
-        NIPCConnector::getInstance(true, argv[1], {serviceName, serviceUuid}, std::make_unique<StdoutLogger>(),
-                                   std::make_unique<StdoutRecorder>(state));
+    const ConnectionWatch watch;
+    const auto client = NIPCConnector::getInstance(true, argv[1], {serviceName, serviceUuid},
+                                                   std::make_unique<nipcconnector::StderrLogger>(argv[1]),
+                                                   watch.recorder(std::make_unique<StdoutRecorder>()));
     if (!client) return EXIT_FAILURE;
 
     Tour tour(client, argv[1], argv[2]);
     if (!client->initialize()) return EXIT_FAILURE;
-    return live(*client, *state, tour) ? EXIT_SUCCESS : EXIT_FAILURE;
+    return live(*client, watch, tour) ? EXIT_SUCCESS : EXIT_FAILURE;
 }

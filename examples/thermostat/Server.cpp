@@ -3,12 +3,13 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "ConnectionState.h"
 #include "Heater.h"
 #include "Payload.h"
 #include "Protocol.h"
-#include "StdoutLogger.h"
+#include "StdoutRecorder.h"
 #include "StopSignal.h"
+#include "nipcconnector/adapters/ConnectionWatch.h"
+#include "nipcconnector/adapters/StderrLogger.h"
 
 namespace {
 
@@ -79,10 +80,10 @@ int main() {
     holdStopSignals();
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
 
-    const auto state = std::make_shared<ConnectionState>();
-    const auto server =
-        NIPCConnector::getInstance(false, serviceName, {serviceName, serviceUuid}, std::make_unique<StdoutLogger>(),
-                                   std::make_unique<StdoutRecorder>(state));
+    const nipcconnector::ConnectionWatch watch;
+    const auto server = NIPCConnector::getInstance(false, serviceName, {serviceName, serviceUuid},
+                                                   std::make_unique<nipcconnector::StderrLogger>(serviceName),
+                                                   watch.recorder(std::make_unique<StdoutRecorder>()));
     if (!server) return EXIT_FAILURE;
 
     // Handlers first: a client may ask as soon as the service is offered.
@@ -91,7 +92,7 @@ int main() {
     offerFiles(*server);
     if (!server->initialize()) return EXIT_FAILURE;
 
-    if (!waitUntilConnected(*server, *state, std::chrono::seconds(10))) {
+    if (!watch.waitUntilConnected(*server, std::chrono::seconds(10))) {
         std::printf("the service cannot be offered\n");
         return EXIT_FAILURE;
     }
