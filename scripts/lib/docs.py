@@ -13,7 +13,9 @@ A block of a page is for the machine when the line before it is one of these:
     <!-- run -->                   a command to run, in a shell that starts where the one before ended
     <!-- run in full -->           the same, where there is time for it (run --full)
     <!-- run in the background --> the same, until the end of the page
-    <!-- prints -->                lines that the commands so far have printed, in this order
+    <!-- prints -->                lines that the commands so far have printed, in this order; "..." is anything
+
+And anywhere <!-- stop NUMBER --> ends that command in the background, as Ctrl-C would: 1 is the page's first.
 """
 import os
 import pathlib
@@ -26,7 +28,7 @@ import textwrap
 import time
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
-FENCE = re.compile(r"^<!-- (from|run|prints)\b *(.*?) *-->\n```(\w*)\n(.*?)^```$", re.M | re.S)
+FENCE = re.compile(r"^<!-- (from|run|prints)\b *(.*?) *-->\n```(\w*)\n(.*?)^```$|^<!-- (stop) (\d+) -->$", re.M | re.S)
 
 
 def pages():
@@ -152,7 +154,7 @@ class Shell:
         return pathlib.Path(self.output.name).read_text()
 
     def end(self, process):
-        for number in (signal.SIGTERM, signal.SIGKILL):
+        for number in (signal.SIGINT, signal.SIGTERM, signal.SIGKILL):
             try:
                 os.killpg(process.pid, number)
                 process.wait(timeout=5)
@@ -163,7 +165,7 @@ class Shell:
 def run_page(page, full):
     shell = Shell()
     try:
-        for kind, argument, _, text in FENCE.findall(pathlib.Path(page).read_text()):
+        for kind, argument, _, text, stop, number in FENCE.findall(pathlib.Path(page).read_text()):
             if kind == "from" and " as " in argument:
                 target = pathlib.Path(shell.cwd, argument.split(" as ")[1])
                 target.parent.mkdir(parents=True, exist_ok=True)
@@ -175,6 +177,8 @@ def run_page(page, full):
                 shell.run(text)
             elif kind == "prints":
                 shell.expect(text.splitlines())
+            elif stop:
+                shell.end(shell.background[int(number) - 1])
     finally:
         for process in reversed(shell.background):
             shell.end(process)
