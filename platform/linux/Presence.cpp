@@ -98,12 +98,10 @@ bool Presence::Wait::await(std::chrono::steady_clock::time_point deadline) {
 int Presence::start() {
     std::lock_guard<std::mutex> lock(mutex_);
     if (inotify_.valid()) return 0;
-    inotify_.reset(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
-    if (!inotify_.valid()) return -errno;
-    if (lane_.add(inotify_.get(), EPOLLIN, shared_from_this()) != 0) return 0;
-    const int status = -errno;
-    inotify_.reset();
-    return status;
+    Fd inotify(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+    if (!inotify.valid() || lane_.add(inotify.get(), EPOLLIN, shared_from_this()) == 0) return -errno;
+    inotify_ = std::move(inotify);
+    return 0;
 }
 
 int Presence::addWatch(int directory) {
