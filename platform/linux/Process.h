@@ -19,31 +19,29 @@ namespace nexnipc {
 class Client;
 class Service;
 
-// The open handles of one kind.
+// The handles of one kind: those that are open, and those that ended while their listener was running. To end one takes
+// no memory.
 template <typename Object>
 class HandleTable {
 public:
     // False when the process is ending.
-    bool add(std::int32_t handle, std::shared_ptr<Object> object) {
+    bool add(std::int32_t handle, const std::shared_ptr<Object>& object) {
         std::lock_guard<std::mutex> lock(mutex_);
-        if (closed_) return false;
-        objects_.emplace(handle, std::move(object));
-        return true;
+        if (!closed_) entries_.emplace(handle, Entry{object, object});
+        return !closed_;
     }
     std::shared_ptr<Object> find(std::int32_t handle) {
         std::lock_guard<std::mutex> lock(mutex_);
-        const auto found = objects_.find(handle);
-        return found == objects_.end() ? nullptr : found->second;
+        const auto found = entries_.find(handle);
+        return found == entries_.end() ? nullptr : found->second.open;
     }
     std::shared_ptr<Object> remove(std::int32_t handle) {
         std::lock_guard<std::mutex> lock(mutex_);
-        const auto found = objects_.find(handle);
-        if (found == objects_.end()) return nullptr;
-        ended_.emplace(handle, found->second);
-        std::shared_ptr<Object> object = std::move(found->second);
-        objects_.erase(found);
-        for (auto ended = ended_.begin(); ended != ended_.end();) {
-            ended = ended->second.expired() ? ended_.erase(ended) : std::next(ended);
+        const auto found = entries_.find(handle);
+        if (found == entries_.end()) return nullptr;
+        std::shared_ptr<Object> object = std::move(found->second.open);
+        for (auto entry = entries_.begin(); entry != entries_.end();) {
+            entry = entry->second.alive.expired() ? entries_.erase(entry) : std::next(entry);
         }
         return object;
     }
@@ -51,34 +49,36 @@ public:
     void cancel(std::int32_t handle) noexcept {
         std::shared_ptr<Object> dropped;  // destroyed after the lock
         std::lock_guard<std::mutex> lock(mutex_);
-        const auto found = objects_.find(handle);
-        if (found == objects_.end()) return;
-        dropped = std::move(found->second);
-        objects_.erase(found);
+        const auto found = entries_.find(handle);
+        if (found == entries_.end()) return;
+        dropped = std::move(found->second.open);
+        entries_.erase(found);
     }
     // One that was removed from inside its listener, which may still be running.
     std::shared_ptr<Object> findEnded(std::int32_t handle) {
         std::lock_guard<std::mutex> lock(mutex_);
-        const auto found = ended_.find(handle);
-        return found == ended_.end() ? nullptr : found->second.lock();
+        const auto found = entries_.find(handle);
+        return found == entries_.end() ? nullptr : found->second.alive.lock();
     }
     // Everything there is, also what ended but is still running, and nothing is added after it.
     std::vector<std::shared_ptr<Object>> close() {
         std::lock_guard<std::mutex> lock(mutex_);
         closed_ = true;
         std::vector<std::shared_ptr<Object>> all;
-        for (const auto& entry : objects_) all.push_back(entry.second);
-        for (const auto& entry : ended_) {
-            if (auto object = entry.second.lock()) all.push_back(std::move(object));
+        for (const auto& entry : entries_) {
+            if (auto object = entry.second.alive.lock()) all.push_back(std::move(object));
         }
         return all;
     }
 
 private:
+    struct Entry {
+        std::shared_ptr<Object> open;  // null when it ended
+        std::weak_ptr<Object> alive;
+    };
     std::mutex mutex_;
     bool closed_ = false;
-    std::map<std::int32_t, std::shared_ptr<Object>> objects_;
-    std::map<std::int32_t, std::weak_ptr<Object>> ended_;
+    std::map<std::int32_t, Entry> entries_;
 };
 
 // Numbers of clients: unique among all services of the process, and not used again soon.
