@@ -74,16 +74,17 @@ public:
         close(region);
         return status;
     }
-    // 1 when it was lost without a word, 2 when the connection is over and that was told.
-    int await(const std::atomic<int>& seen, int count = 1) const {
+    // 1 when it was lost without a word, 2 when the connection is over, or a region came as none, and that was told.
+    static int await(const std::atomic<int>& seen, int count = 1) {
         if (soon([&] { return seen >= count || gone > 0; }, 3s) && seen >= count) return 0;
         return gone > 0 ? 2 : 1;
     }
 
     std::int32_t handle = -1;
     std::atomic<bool> open{true};  // Otherwise events are held up.
-    std::atomic<int> connected{0}, gone{0}, requests{0}, events{0}, shares{0}, acks{0};
+    std::atomic<int> connected{0}, requests{0}, events{0}, shares{0}, acks{0};
     std::atomic<std::uint16_t> client{0};  // The latest.
+    static inline std::atomic<int> gone{0};
 
 private:
     template <typename Call>
@@ -136,27 +137,28 @@ bool crowd(Steps& steps, End& service, End& client) {
     const bool queued = steps.failed.empty() && steps.good("queued share", service.share(service.client)) &&
                         steps.good("held request", client.request(kRequest, 10));
     client.open = true;
-    return queued && steps.good("events", client.await(client.events, 90)) &&
-           steps.good("share after events", client.await(client.shares)) &&
-           steps.good("request after events", client.await(service.requests, 4));
+    return queued && steps.good("events", End::await(client.events, 90)) &&
+           steps.good("share after events", End::await(client.shares)) &&
+           steps.good("request after events", End::await(service.requests, 4));
 }
 
 bool exchangeShares(Steps& steps, End& service, End& client) {
     const int before = client.shares;
     return steps.good("share to service", client.share(0)) &&
-           steps.good("shared to service", client.await(service.shares)) &&
+           steps.good("shared to service", End::await(service.shares)) &&
            steps.good("acknowledge", service.callback(service.client, SERVER_FD_PROCESSING_COMPLETED_ID, 0)) &&
-           steps.good("acknowledged", client.await(client.acks)) &&
+           steps.good("acknowledged", End::await(client.acks)) &&
            steps.good("share to client", service.share(service.client)) &&
-           steps.good("shared to client", client.await(client.shares, before + 1)) &&
+           steps.good("shared to client", End::await(client.shares, before + 1)) &&
            steps.good("acknowledge to service", client.request(CLIENT_FD_PROCESSING_COMPLETED_ID, 0)) &&
-           steps.good("service acknowledged", client.await(service.acks));
+           steps.good("service acknowledged", End::await(service.acks));
 }
 
 }  // namespace
 
 std::string platformLife(const std::string& directory) {
     std::filesystem::remove_all(directory);
+    End::gone = 0;
     Steps steps;
     End service;
     End client;
@@ -170,10 +172,10 @@ std::string platformLife(const std::string& directory) {
     soon([&] { return passesOf("connect") > dials; }, 200ms);
     steps.good("start", service.start());
     early.join();
-    steps.good("connect", connected) && steps.good("connected", client.await(client.connected)) &&
-        steps.good("client connected", client.await(service.connected)) && steps.good("sync", client.sync(100)) &&
+    steps.good("connect", connected) && steps.good("connected", End::await(client.connected)) &&
+        steps.good("client connected", End::await(service.connected)) && steps.good("sync", client.sync(100)) &&
         steps.good("large sync", client.sync(100000)) && steps.good("request", client.request(kRequest, 100)) &&
-        steps.good("served", client.await(service.requests, 3)) && exchangeShares(steps, service, client) &&
+        steps.good("served", End::await(service.requests, 3)) && exchangeShares(steps, service, client) &&
         crowd(steps, service, client);
     return steps.failed;
 }

@@ -85,6 +85,12 @@ Function original(const char* name) {
     return function;
 }
 
+// A socket that says so is at its end.
+int endIfReset(int socket, int error) {
+    if (error == EPIPE || error == ECONNRESET) original<int (*)(int, int)>("shutdown")(socket, SHUT_RDWR);
+    return error;
+}
+
 template <typename Result>
 Result failed(int error) {
     errno = error;
@@ -141,6 +147,7 @@ OwnAllocations::~OwnAllocations() { own = before_; }
 
 }  // namespace nipctest
 
+using nipctest::endIfReset;
 using nipctest::errorOf;
 using nipctest::failed;
 using nipctest::original;
@@ -188,10 +195,6 @@ NIPCTEST_CALL(int, setsockopt, (int fd, int level, int name, const void* value, 
               (fd, level, name, value, size))
 NIPCTEST_CALL(int, getsockopt, (int fd, int level, int name, void* value, void* size), (fd, level, name, value, size))
 NIPCTEST_CALL(int, shutdown, (int fd, int how), (fd, how))
-NIPCTEST_CALL(ssize_t, sendmsg, (int fd, const void* message, int flags), (fd, message, flags))
-NIPCTEST_CALL(int, sendmmsg, (int fd, void* messages, unsigned count, int flags), (fd, messages, count, flags))
-NIPCTEST_CALL(ssize_t, send, (int fd, const void* data, std::size_t size, int flags), (fd, data, size, flags))
-NIPCTEST_CALL(ssize_t, recv, (int fd, void* data, std::size_t size, int flags), (fd, data, size, flags))
 NIPCTEST_CALL(ssize_t, read, (int fd, void* data, std::size_t size), (fd, data, size))
 NIPCTEST_CALL(ssize_t, write, (int fd, const void* data, std::size_t size), (fd, data, size))
 NIPCTEST_CALL(ssize_t, pread, (int fd, void* data, std::size_t size, off_t at), (fd, data, size, at))
@@ -238,11 +241,22 @@ NIPCTEST_STAND_IN(int, pthread_create,
     return error != 0 ? error : real(thread, options, body, argument);
 }
 
+#define NIPCTEST_SEND(result, name, parameters, arguments)                             \
+    NIPCTEST_STAND_IN(result, name, parameters) {                                      \
+        static const auto real = original<result(*) parameters>(#name);                \
+        const int error = endIfReset(fd, errorOf(#name, __builtin_return_address(0))); \
+        return error != 0 ? failed<result>(error) : real arguments;                    \
+    }
+NIPCTEST_SEND(ssize_t, sendmsg, (int fd, const void* message, int flags), (fd, message, flags))
+NIPCTEST_SEND(int, sendmmsg, (int fd, void* messages, unsigned count, int flags), (fd, messages, count, flags))
+NIPCTEST_SEND(ssize_t, send, (int fd, const void* data, std::size_t size, int flags), (fd, data, size, flags))
+NIPCTEST_SEND(ssize_t, recv, (int fd, void* data, std::size_t size, int flags), (fd, data, size, flags))
+
 // A fault of the second kind, of those calls that bring a descriptor: it is lost on the way.
 NIPCTEST_STAND_IN(ssize_t, recvmsg, (int fd, msghdr* message, int flags)) {
     static const auto real = original<ssize_t (*)(int, msghdr*, int)>("recvmsg");
     const void* const site = __builtin_return_address(0);
-    if (const int error = errorOf("recvmsg", site)) return failed<ssize_t>(error);
+    if (const int error = endIfReset(fd, errorOf("recvmsg", site))) return failed<ssize_t>(error);
     const ssize_t length = real(fd, message, flags);
     if (length >= 0) nipctest::passDescriptors(*message, "recvmsg+descriptor", site);
     return length;
@@ -251,7 +265,7 @@ NIPCTEST_STAND_IN(ssize_t, recvmsg, (int fd, msghdr* message, int flags)) {
 NIPCTEST_STAND_IN(int, recvmmsg, (int fd, mmsghdr* messages, unsigned count, int flags, timespec* limit)) {
     static const auto real = original<int (*)(int, mmsghdr*, unsigned, int, timespec*)>("recvmmsg");
     const void* const site = __builtin_return_address(0);
-    if (const int error = errorOf("recvmmsg", site)) return failed<int>(error);
+    if (const int error = endIfReset(fd, errorOf("recvmmsg", site))) return failed<int>(error);
     const int received = real(fd, messages, count, flags, limit);
     for (int i = 0; i < received; ++i) nipctest::passDescriptors(messages[i].msg_hdr, "recvmmsg+descriptor", site);
     return received;

@@ -107,7 +107,7 @@ AFTER = {
 DOCUMENTED = """EPERM EACCES EADDRINUSE ECONNREFUSED ETIMEDOUT ECONNRESET EPROTO EUSERS ECANCELED ENOTCONN ENOBUFS ENOMEM
     EMFILE ENFILE EAGAIN ETOOMANYREFS EIO""".split()
 # Steps that tell any error of the file system, also of the one that shared memory is in.
-FILE_STEPS = ("start", "connect", "large sync", "share to service", "share to client", "queued share")
+FILE_STEPS = ("start", "connect", "large sync", "event", "share to service", "share to client", "queued share")
 
 Result = collections.namedtuple("Result", "first again caused held sites allocations")
 
