@@ -1,4 +1,3 @@
-#include <cstring>
 #include <memory>
 #include <new>
 
@@ -27,11 +26,10 @@ bool NIPCConnector::sendLargePayload(std::uint16_t functionId, const char* data,
     }
 
     SharedMemoryRegion region;
-    if (!isCarried(length) || !region.create(length)) {
+    if (!isCarried(length) || !region.create(length) || !region.fill(data)) {
         NIPC_LOG(logger, error, "Failed to create shared memory resource");
         return failLargePayload("SharedMemoryCreationFailed", length);
     }
-    std::memcpy(region.address, data, length);
     {
         const std::lock_guard<std::mutex> lock(fdAckMutex);
         fdAckReceived = false;
