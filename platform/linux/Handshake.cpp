@@ -41,7 +41,11 @@ int shakeHands(const PacketSocket& socket, std::uint16_t uuid, std::uint16_t fla
     if (const int status = awaitReadable(socket, Clock::now() + kHandshakeLimit)) return status;
     Welcome& welcome = greeting.welcome;
     int length = socket.receiveInto(header, &welcome, sizeof(welcome), greeting.control);
-    if (length == -ECONNRESET) length = socket.receiveInto(header, &welcome, sizeof(welcome), greeting.control);
+    if (length == -ECONNRESET) {
+        // That was an empty packet, unless the answer is there.
+        const int again = socket.receiveInto(header, &welcome, sizeof(welcome), greeting.control, Wait::No);
+        if (again != -EAGAIN) length = again;
+    }
     if (length < 0) return length;
     if (length != sizeof(welcome) || header.type != FrameType::Welcome || welcome.magic != kMagic) return -EPROTO;
     if (header.status != 0) return header.status < 0 ? header.status : -EPROTO;
