@@ -25,6 +25,7 @@ public:
     /// not call the connector.
     using ChangeHandler = std::function<void(bool connected)>;
 
+    /// The function may be empty.
     explicit ConnectionWatch(ChangeHandler onChange = nullptr);
 
     /// What to give to getInstance(). It passes everything on to `next`, which may be null, but for the reports
@@ -41,6 +42,7 @@ public:
     /// Waits until the connector is connected, or is not any more; asks it now and then. False when `limit` is
     /// over first.
     bool waitUntilConnected(NIPCConnector& connector, std::chrono::milliseconds limit) const;
+    /// @copydoc waitUntilConnected
     bool waitUntilLost(NIPCConnector& connector, std::chrono::milliseconds limit) const;
 
 private:

@@ -21,6 +21,7 @@ public:
     PrometheusEndpoint(const PrometheusEndpoint&) = delete;
     PrometheusEndpoint& operator=(const PrometheusEndpoint&) = delete;
 
+    /// Where it serves.
     std::uint16_t port() const;
 
     /// A PrometheusRecorder, for getInstance() of one connector.

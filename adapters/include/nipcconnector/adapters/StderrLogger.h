@@ -10,6 +10,7 @@ namespace nipcconnector {
 /// nothing. Lines are cut after 2 KiB.
 class StderrLogger : public ILogger {
 public:
+    /// The lowest first; with Nothing there are no lines at all.
     enum class Level { Debug, Info, Warn, Error, Nothing };
 
     /// Lines below `leastLevel` cost next to nothing. Debug lines carry payloads. `name` tells the connectors of

@@ -13,6 +13,7 @@
 struct nexNipc_parameter_t;
 struct ShareFdMsg;
 
+/// What a component's tests need: a scripted platform, a clock, and journals of what was logged and recorded.
 namespace nipcconnector::testing {
 
 /// The platform's operations, and what makes a connector call them.
@@ -31,15 +32,15 @@ enum class Operation {
 
 /// One call of an operation, with copies of everything it pointed to.
 struct Call {
-    Operation operation = Operation::Start;
-    std::int32_t handle = -1;  ///< As given; for start and connect as written.
-    std::uint16_t clientId = 0;
-    std::uint16_t functionId = 0;  ///< Of a share: of the carried message.
-    bool nullPayload = false;
-    std::string payload;  ///< Of a share: what stands in the shared memory.
-    std::uint32_t length = 0;
-    std::uintptr_t requestContext = 0;
-    std::string record;  ///< The record itself, byte for byte (its pointers are void by now).
+    Operation operation = Operation::Start;  ///< Which one.
+    std::int32_t handle = -1;                ///< As given; for start and connect as written.
+    std::uint16_t clientId = 0;              ///< Of callback and serviceShareFd: to whom.
+    std::uint16_t functionId = 0;            ///< Of a share: of the carried message.
+    bool nullPayload = false;                ///< The payload's pointer was null.
+    std::string payload;                     ///< Of a share: what stands in the shared memory.
+    std::uint32_t length = 0;                ///< As given.
+    std::uintptr_t requestContext = 0;       ///< As given: which callback an answer goes to.
+    std::string record;                      ///< The record itself, byte for byte (its pointers are void by now).
 };
 
 /// The function by which a connector hears from the platform.
@@ -48,42 +49,42 @@ using Listener = int (*)(nexNipc_parameter_t*);
 /// What a listener is called with; the numbers are those of nex_nipc.h.
 struct Message {
     std::uint32_t type = 2;  ///< 0 synchronous request, 1 asynchronous request, 2 answer or event, 3 connection event.
-    std::uint16_t peerId = 0;
-    std::uint16_t functionId = 0;
-    std::uint16_t eventId = 0;
-    std::string payload;
-    std::uintptr_t requestContext = 0;
-    std::int32_t status = 0;
-    bool nullPointers = false;    ///< Length, status and data are null.
-    std::int32_t handle = -1;     ///< Whose listener; -1 for the newest.
-    void* userContext = nullptr;  ///< If not the one that was registered with it.
-    ShareFdMsg* share = nullptr;  ///< In place of the payload.
-    Listener listener = nullptr;  ///< If not the registered one.
+    std::uint16_t peerId = 0;           ///< To a server: the client's id.
+    std::uint16_t functionId = 0;       ///< Of the request, answer or event.
+    std::uint16_t eventId = 0;          ///< Of a connection event.
+    std::string payload;                ///< What `data` points to.
+    std::uintptr_t requestContext = 0;  ///< Of a request, and of the answer to it.
+    std::int32_t status = 0;            ///< What `*status` holds at first.
+    bool nullPointers = false;          ///< Length, status and data are null.
+    std::int32_t handle = -1;           ///< Whose listener; -1 for the newest.
+    void* userContext = nullptr;        ///< If not the one that was registered with it.
+    ShareFdMsg* share = nullptr;        ///< In place of the payload.
+    Listener listener = nullptr;        ///< If not the registered one.
 };
 
 /// A payload that arrives through shared memory.
 struct SharedMessage {
-    std::uint16_t functionId = 0;
-    std::string payload;
-    std::uint32_t requestContext = 0;
+    std::uint16_t functionId = 0;                  ///< Of the message that is carried.
+    std::string payload;                           ///< What stands in the shared memory.
+    std::uint32_t requestContext = 0;              ///< Of the message that is carried.
     std::optional<std::uint32_t> claimedLength{};  ///< If not the payload's.
     std::optional<std::int32_t> descriptor{};      ///< If not that of a new region.
-    bool nullDescriptors = false;
-    bool nullMetadata = false;
-    Message message{};  ///< What carries it, apart from type and identifier.
+    bool nullDescriptors = false;                  ///< There is no list of descriptors.
+    bool nullMetadata = false;                     ///< Nothing says what it is.
+    Message message{};                             ///< What carries it, apart from type and identifier.
 };
 
 /// What a listener call left behind.
 struct Delivered {
-    int result = 0;  ///< What the listener returned; a negative errno value when there is none.
-    std::int32_t status = 0;
-    std::uint32_t length = 0;
-    std::string data;  ///< The answer to a synchronous request: the first `length` bytes of the buffer.
+    int result = 0;            ///< What the listener returned; a negative errno value when there is none.
+    std::int32_t status = 0;   ///< What `*status` holds in the end.
+    std::uint32_t length = 0;  ///< What `*length` holds in the end.
+    std::string data;          ///< The answer to a synchronous request: the first `length` bytes of the buffer.
 };
 
 /// What the service answers to synchronous requests.
 struct SyncAnswer {
-    std::string response;
+    std::string response;                         ///< Its bytes.
     std::int32_t status = 0;                      ///< The service's own; anything but 0 is a failure.
     std::optional<std::uint32_t> reportedLength;  ///< If not the response's.
 };
@@ -116,6 +117,7 @@ public:
     std::vector<Call> calls(Operation operation) const;
     /// All requests of this name that clients have sent, of whichever kind, in order.
     std::vector<Call> requests(const std::string& requestName) const;
+    /// As if nothing had been called so far.
     void forgetCalls();
     /// Waits until `operation` was called `count` times; false when that took longer than `limit`. Needed
     /// where the connector's own thread makes the call: Connect, and Start after a failure.
@@ -131,6 +133,7 @@ public:
 
     /// The operations above are made of these.
     Delivered deliver(const Message& message);
+    /// A connection event, by its number in nex_nipc.h.
     Delivered deliverEvent(std::uint16_t eventId, std::uint16_t peerId = 0, std::int32_t status = 0);
     /// To a client: an answer, when `context` is not 0, else an event.
     Delivered deliverCallback(std::uint16_t functionId, const std::string& payload, std::uintptr_t context = 0);
@@ -142,11 +145,12 @@ public:
     /// To either: the peer has copied a large payload.
     Delivered deliverAcknowledgement(std::uint16_t clientId = 0, std::int32_t handle = -1);
 
+    /// A service that was started or a client that connected.
     struct Endpoint {
-        std::int32_t handle;
-        bool isServer;
-        Listener listener;
-        void* userContext;
+        std::int32_t handle;  ///< As given out.
+        bool isServer;        ///< Else a client.
+        Listener listener;    ///< As registered, and the next one.
+        void* userContext;    ///< What the listener is given.
     };
     /// What was started or connected with this handle, or last when it is -1; one of nulls when nothing was.
     Endpoint endpoint(std::int32_t handle = -1) const;

@@ -17,6 +17,7 @@ namespace nipcconnector::testing {
 /// lets time pass by advance(). Thread-safe.
 class FakeTime {
 public:
+    /// The one of the process.
     static FakeTime& instance();
 
     /// Running by itself, no hook, middle jitter, counters at 0. The clock goes on from where it is.
@@ -33,7 +34,7 @@ public:
     /// Runs after every sleep, on the thread that slept.
     void onSleep(std::function<void()> hook);
 
-    std::atomic<std::uint64_t> clock{1'000'000'000};
+    std::atomic<std::uint64_t> clock{1'000'000'000};  ///< What now() says.
     std::atomic<unsigned int> jitter{1};  ///< 0 gives the least random number, 1 the middle one, 2 the greatest.
     /// A wait for something else than time, as for an acknowledgement, is a real one and takes as long as the
     /// clock says; unless this is true.
