@@ -25,7 +25,9 @@ struct Line {
         return level == other.level && format == other.format && text == other.text;
     }
 };
+/// In order.
 using Lines = std::vector<Line>;
+/// For the messages of tests that fail.
 inline std::ostream& operator<<(std::ostream& out, const Line& line) {
     return out << line.level << " \"" << line.text << "\" (" << line.format << ")";
 }
