@@ -34,7 +34,8 @@ Gate& gate() {
 thread_local Pin* innermostPin = nullptr;
 
 using Clock = std::chrono::steady_clock;
-constexpr std::chrono::milliseconds patience(500);
+// With the half second that the platform may take before, a process is gone within a second.
+constexpr std::chrono::milliseconds patience(400);
 
 std::shared_ptr<Door> findDoor(const void* address) {
     const auto found = gate().doors.find(address);

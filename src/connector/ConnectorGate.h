@@ -48,10 +48,10 @@ void adopt(const std::shared_ptr<NIPCConnector>& connector);
 void close(NIPCConnector* connector);
 bool isOpen(NIPCConnector* connector);
 
-/// Waits at most 500 ms for other threads that are inside, then forgets the address.
+/// Waits at most 400 ms for other threads that are inside, then forgets the address.
 void retire(NIPCConnector* connector);
 
-/// Gives up the registry's share in closed connectors: waits at most 500 ms in all for other threads that
+/// Gives up the registry's share in closed connectors: waits at most 400 ms in all for other threads that
 /// are inside. What is occupied even then is kept, reachable and never freed.
 void releaseOrKeep(std::shared_ptr<NIPCConnector>* first, std::size_t count);
 

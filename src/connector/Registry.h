@@ -24,7 +24,7 @@ struct Registry {
     void erase(NIPCConnector* connector);
 
     /// Takes everything out and gives it up, managers first. Connectors that other threads are inside of
-    /// after half a second stay alive.
+    /// after 400 ms stay alive.
     void tearDown();
 };
 
