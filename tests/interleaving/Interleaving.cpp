@@ -22,7 +22,7 @@
 #include "connector/Registry.h"
 #include "connector/TimeSource.h"
 
-extern "C" __attribute__((weak)) void __sanitizer_set_death_callback(void (*)());
+void setDeathCallback(void (*)()) __asm__("__sanitizer_set_death_callback") __attribute__((weak));
 
 using namespace interleaving;
 using nipcconnector::NIPCConnector;
@@ -128,7 +128,7 @@ public:
     ~Schedule() {
         connector_.reset();
         place_->check();
-        if (!place_->isGone) place_.release();  // Kept, for good.
+        if (!place_->isGone) static_cast<void>(place_.release());  // Kept, for good.
     }
     Schedule(const Schedule&) = delete;
     Schedule& operator=(const Schedule&) = delete;
@@ -180,7 +180,7 @@ private:
 
     void use() {
         for (unsigned int left = scheduler.random(4); left > 0; --left) {
-            scheduler.wait(this, scheduler.now() + scheduler.random(300) * 1'000'000U);
+            pass();
             if (scheduler.chance(4)) {
                 raw_->reportAggregateMetrics();
             } else if (isClient_) {
@@ -193,16 +193,19 @@ private:
         }
     }
 
+    // Times that meet each other, and the slices of the worker's pauses.
+    static void pass() { scheduler.wait(&platform, scheduler.now() + scheduler.random(4) * 100'000'000U); }
+
     static void comeAndGo() {
         const unsigned int times = 2 * scheduler.random(3);
         for (unsigned int i = 0; i < times; ++i) {
-            scheduler.wait(&platform, scheduler.now() + scheduler.random(300) * 1'000'000U);
+            pass();
             platform.setService(i % 2 == 1);
         }
     }
 
     void end() {
-        scheduler.wait(&platform, scheduler.now() + scheduler.random(500) * 1'000'000U);
+        pass();
         scheduler.trace("the end begins");
         if (end_ == End::WithTheRegistry) return nipcconnector::registry().tearDown();
         while (connector_.use_count() > 1) scheduler.wait(this);
@@ -259,7 +262,7 @@ int main(int argc, char** argv) {
     std::printf("%llu schedules from number %llu on\n", schedules, seed);
     std::fflush(stdout);
     scheduler.traces = schedules == 1;
-    if (__sanitizer_set_death_callback != nullptr) __sanitizer_set_death_callback([] { crash(0); });
+    if (setDeathCallback != nullptr) setDeathCallback([] { crash(0); });
     std::signal(SIGSEGV, crash);
     std::signal(SIGABRT, crash);
     stayOnOneProcessor();
