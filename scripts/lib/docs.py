@@ -4,14 +4,15 @@
     docs.py links           relative links and their anchors lead somewhere
     docs.py tables          docs/logs-and-metrics.md names each log line and metric of the sources
     docs.py snippets        code in the documents is that of the sources it names (--update copies it there)
-    docs.py run PAGE        does what the page says, in the current directory
+    docs.py run PAGE        does what the page says, in the current directory; --full: with what takes long
+    docs.py commands PAGE   prints all commands of the page, where none is for the background, as one script
 
 A block of a page is for the machine when the line before it is one of these:
 
     <!-- from FILE -->             it is that file; FILE#NAME: what stands between two lines "// [NAME]"
     <!-- from FILE as NAME -->     and who follows the page keeps it as NAME
     <!-- run -->                   a command to run, in a shell that starts where the one before ended
-    <!-- run in full -->           the same, where there is time for it (run --full)
+    <!-- run in full -->           the same, where there is time for it
     <!-- run in the background --> the same, until the end of the page
     <!-- prints -->                lines that the commands so far have printed, in this order; "..." is anything
 
@@ -185,6 +186,11 @@ def run_page(page, full):
 
 
 def main(arguments):
+    if arguments[0] == "commands":
+        for block in FENCE.finditer(pathlib.Path(arguments[1]).read_text()):
+            if block[1] == "run":
+                print(block[4], end="")
+        return 0
     if arguments[0] == "run":
         run_page(arguments[1], "--full" in arguments)
         return 0
