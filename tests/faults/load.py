@@ -154,7 +154,7 @@ MODES = {  # what a client does when it is killed, and how often that is tried
 }
 
 
-def kill_clients(names, lasting):
+def kill_clients(names):
     """Some at once, each at an instant of its own."""
     victims = []
     for name in names:
