@@ -90,12 +90,12 @@ void HalfOpen::drop() {
 }
 
 void HalfOpen::onReady(std::uint32_t, PacketBatch& scratch) {
-    const PacketBatch::Result result = scratch.receive(socket_, Wait::No);
-    if (result.count == 0 && result.status == -EAGAIN) return;
+    if (scratch.receive(socket_, Wait::No) == -EAGAIN) return;
     drop();
-    if (result.count != 1) return;
+    const Packet* const greeting = scratch.next();
+    if (greeting == nullptr || scratch.more()) return;
     Hello hello;
-    const int status = checkHello(scratch[0], hello);
+    const int status = checkHello(*greeting, hello);
     const std::shared_ptr<Service> service = acceptor_->service_.lock();
     if (status != 0 || !service || hello.uuid != service->uuid) return refuse(socket_, status != 0 ? status : -EPROTO);
     service->welcome(std::move(socket_), peer_, (hello.flags & kHelloProbe) != 0);

@@ -6,7 +6,7 @@
 #include <optional>
 
 #include "Lane.h"
-#include "PacketSocket.h"
+#include "PacketBatch.h"
 #include "Trust.h"
 
 namespace nexnipc {

@@ -14,12 +14,6 @@
 #include "Undo.h"
 
 namespace nexnipc {
-namespace {
-
-// To the caller, a service that does not read in time.
-int sendStatus(int status) { return status == -EAGAIN ? -ETIMEDOUT : status; }
-
-}  // namespace
 
 Client::Client(std::int32_t number, const ClientConnectRecord& record, Connection connection)
     : handle(number),
@@ -69,6 +63,7 @@ void Client::disconnect() {
 }
 
 void Client::shutdown() {
+    sendGathered();
     Process::get().lane.remove(controlSource_);
     main_.shutdown();
     control_.shutdown();
@@ -82,7 +77,7 @@ int Client::sendAsync(const AsyncRpcRecord& record) {
     header.functionId = record.functionId;
     header.length = record.length;
     header.context = reinterpret_cast<std::uintptr_t>(record.requestContext);
-    return sendStatus(main_.send(header, record.payload, -1, Wait::Yes));
+    return send(header, record.payload, -1);
 }
 
 int Client::acknowledge() {
@@ -96,16 +91,16 @@ int Client::share(const ShareFdMsg* message) {
     OutgoingShare outgoing;
     if (const int status = outgoing.take(message)) return status;
     outgoing.header.sequence = acks_.next();
-    const int status = main_.send(outgoing.header, outgoing.metadata, outgoing.descriptor, Wait::Yes);
+    const int status = send(outgoing.header, outgoing.metadata, outgoing.descriptor);
     if (status != 0) acks_.cancel(outgoing.header.sequence);
-    return sendStatus(status);
+    return status;
 }
 
 void Client::onControl(PacketBatch& scratch) {
-    const PacketBatch::Result result = scratch.receive(control_, Wait::No);
-    bool good = result.status == 0 || result.status == -EAGAIN;
-    for (unsigned i = 0; i < result.count; ++i) good = handleControl(scratch[i]) && good;
-    if (!good) shutdown();
+    scratch.receive(control_, Wait::No);
+    bool good = true;
+    while (Packet* const packet = scratch.next()) good = handleControl(*packet) && good;
+    if (!good || (scratch.status() != 0 && scratch.status() != -EAGAIN)) shutdown();
 }
 
 bool Client::handleControl(Packet& packet) {
@@ -115,7 +110,7 @@ bool Client::handleControl(Packet& packet) {
         const int status = packet.descriptorLost ? -EMFILE : header.status;
         return channels_.opened(header.sequence, status, PacketSocket(std::move(packet.descriptor)));
     }
-    if (header.type != FrameType::Ack || packet.descriptor.valid() || packet.descriptorLost) return false;
+    if (header.type != FrameType::Ack || packet.hasDescriptor()) return false;
     if (!acks_.accept(header.sequence)) return true;
     Call call;
     call.type = CALLBACK;

@@ -7,14 +7,16 @@
 #include "AckSequence.h"
 #include "ChannelPool.h"
 #include "Connect.h"
-#include "PacketSocket.h"
+#include "Gathering.h"
+#include "PacketBatch.h"
+#include "PacketBuilder.h"
 #include "Spin.h"
 #include "Upcall.h"
 
 namespace nexnipc {
 
 // A client's connection to a service. Its sockets are closed with the last reference.
-class Client : public std::enable_shared_from_this<Client> {
+class Client : public Gatherer, public std::enable_shared_from_this<Client> {
 public:
     // Waits for the service, connects and starts the delivery thread; writes the handle before the first call
     // of the listener.
@@ -29,6 +31,9 @@ public:
     int share(const ShareFdMsg* message);
     int callSync(SyncRpcRecord& record);
 
+    void sendGathered() noexcept override;
+    void onGatherTimer() noexcept override;
+
     const std::int32_t handle;
     Upcall upcall;
 
@@ -38,7 +43,13 @@ private:
     void onControl(PacketBatch& scratch);
     bool handleControl(Packet& packet);
 
+    int send(const FrameHeader& header, const void* payload, int descriptor);
+    bool gather(const FrameHeader& header, const void* payload, int& status);
+    int flushGathered() noexcept;
+    int awaitGathered();
+
     void deliver();
+    int receive(PacketBatch& batch, Spin& spin);
     bool takePackets(PacketBatch& batch, Spin& spin);
     bool handlePacket(Packet& packet);
     bool handleCallback(Packet& packet);
@@ -61,6 +72,11 @@ private:
     std::atomic<std::uint64_t> controlSource_{0};
     std::atomic<std::uint32_t> lastCall_{0};
     std::atomic<bool> disconnected_{false};
+
+    std::mutex gatherMutex_;
+    PacketBuilder gathered_;
+    std::atomic<bool> anyGathered_{false};
+    bool timed_ = false;  // the timer will look for gathered frames
 };
 
 }  // namespace nexnipc

@@ -1,3 +1,5 @@
+#include <poll.h>
+
 #include <cerrno>
 
 #include "Client.h"
@@ -23,16 +25,24 @@ void Client::deliver() {
 }
 
 bool Client::takePackets(PacketBatch& batch, Spin& spin) {
-    PacketBatch::Result result;
-    const auto receive = [&](Wait wait) {
-        result = batch.receive(main_, wait);
-        return result.status != -EAGAIN;
-    };
-    if (!spin.finds([&] { return receive(Wait::No); })) receive(Wait::Yes);
-    for (unsigned i = 0; i < result.count; ++i) {
-        if (disconnected_ || !handlePacket(batch[i])) return false;
+    receive(batch, spin);
+    GatherScope scope(*this);
+    while (Packet* const packet = batch.next()) {
+        scope.setMore(batch.more());
+        if (disconnected_ || !handlePacket(*packet)) return false;
     }
-    return result.status == 0;
+    return batch.status() == 0;
+}
+
+int Client::receive(PacketBatch& batch, Spin& spin) {
+    // The service did not take what was gathered: there are two things to wait for.
+    while (anyGathered_) {
+        pollfd ready{main_.fd(), POLLIN | POLLOUT, 0};
+        if (::poll(&ready, 1, -1) > 0 && (ready.revents & ~POLLOUT) != 0) break;
+        sendGathered();
+    }
+    if (spin.finds([&] { return batch.receive(main_, Wait::No) != -EAGAIN; })) return batch.status();
+    return batch.receive(main_, Wait::Yes);
 }
 
 bool Client::handlePacket(Packet& packet) {
@@ -48,7 +58,7 @@ bool Client::handlePacket(Packet& packet) {
 
 bool Client::handleCallback(Packet& packet) {
     const FrameHeader& header = packet.header;
-    const bool descriptor = packet.descriptor.valid() || packet.descriptorLost;
+    const bool descriptor = packet.hasDescriptor();
     if (hasOwnFrame(header.functionId) || packet.outOfLine() || descriptor) return false;
     Call call;
     call.type = CALLBACK;

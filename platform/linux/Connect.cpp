@@ -21,7 +21,6 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::seconds kFirstWait(1);
 constexpr std::chrono::seconds kLaterWait(300);
-constexpr int kSendLimitMs = 3000;
 
 // Who has waited in vain. Never destroyed, as a connect may outlive main().
 class Patience {

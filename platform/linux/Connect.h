@@ -6,6 +6,9 @@
 
 namespace nexnipc {
 
+// How long a request may wait for a service that does not read.
+constexpr int kSendLimitMs = 3000;
+
 // A finished handshake.
 struct Connection {
     PacketSocket main;

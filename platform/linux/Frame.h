@@ -5,8 +5,8 @@
 
 #include "nex_nipc.h"
 
-// What goes over the sockets: one packet is one frame, a header and at most kInlineLimit bytes. Both ends run
-// on one machine, so integers are in host order. README.md shows the fields of every type.
+// What goes over the sockets: packets of one frame, a header and at most kInlineLimit bytes, or of several small
+// ones. Both ends run on one machine, so integers are in host order. README.md shows the fields of every type.
 namespace nexnipc {
 
 constexpr std::uint32_t kInlineLimit = 16384;
@@ -14,7 +14,7 @@ constexpr std::uint32_t kMetadataLimit = 64;
 constexpr std::uint32_t kShareLimit = 5U << 20;  // what a shared region's metadata may claim
 constexpr std::uint32_t kChannelsPerClient = 128;
 constexpr std::uint32_t kMagic = 0x4350494e;
-constexpr std::uint16_t kVersion = 1;
+constexpr std::uint16_t kVersion = 2;
 
 enum class FrameType : std::uint16_t {
     Hello = 1,           // client: a Hello
@@ -45,6 +45,17 @@ static_assert(offsetof(FrameHeader, context) == 8);
 static_assert(offsetof(FrameHeader, sequence) == 16);
 static_assert(offsetof(FrameHeader, status) == 20);
 static_assert(sizeof(FrameHeader) == 24);
+
+// Of all packets. Frames after the first begin at multiples of kFrameAlignment.
+constexpr std::size_t kPacketLimit = sizeof(FrameHeader) + kInlineLimit;
+constexpr std::size_t kFrameAlignment = 16;
+
+constexpr std::size_t aligned(std::size_t offset) {
+    return (offset + kFrameAlignment - 1) / kFrameAlignment * kFrameAlignment;
+}
+
+// Whether a frame may stand in a packet with others of its kind.
+inline bool sharesPacket(FrameType type) { return type == FrameType::AsyncRequest || type == FrameType::Callback; }
 
 // Functions that no ordinary frame carries: those of Share and Ack.
 inline bool hasOwnFrame(std::uint16_t functionId) {

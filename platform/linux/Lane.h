@@ -10,7 +10,7 @@
 #include <utility>
 
 #include "Fd.h"
-#include "PacketSocket.h"
+#include "PacketBatch.h"
 
 namespace nexnipc {
 

@@ -2,9 +2,7 @@
 
 #include <sys/socket.h>
 
-#include <array>
 #include <cstdint>
-#include <memory>
 
 #include "Fd.h"
 #include "Frame.h"
@@ -13,8 +11,9 @@ namespace nexnipc {
 
 enum class Wait { No, Yes };
 
-// What carries frames, and the only place that knows how: a sequenced-packet socket. Thread-safe, since one
-// send is one packet; the descriptor is closed with the object, until then a connection is ended by shutdown().
+// What carries frames, and with PacketBatch the only place that knows how: a sequenced-packet socket. Thread-safe,
+// since one send is one packet; the descriptor is closed with the object, until then a connection is ended by
+// shutdown().
 class PacketSocket {
 public:
     PacketSocket() = default;
@@ -23,8 +22,10 @@ public:
     // Two connected sockets; 0 or a negative errno.
     static int pair(PacketSocket& first, PacketSocket& second);
 
-    // 0 or a negative errno; -EAGAIN when it would have to wait (or, with Wait::Yes, waited its limit).
+    // One frame. 0 or a negative errno; -EAGAIN when it would have to wait (or, with Wait::Yes, waited its limit).
     int send(const FrameHeader& header, const void* payload, int descriptor, Wait wait) const;
+    // A packet that is put together already, with a descriptor or -1.
+    int sendPacket(const void* bytes, std::size_t size, int descriptor, Wait wait) const;
 
     // One frame straight into the caller's memory. Returns the inline length, or a negative errno:
     // -ECONNRESET at the end, -EPROTO for what no frame can be, -EAGAIN as with send().
@@ -38,48 +39,14 @@ public:
     bool valid() const { return fd_.valid(); }
 
 private:
+    template <typename Send>
+    int repeat(const Send& send) const;
+    int sendParts(iovec* parts, unsigned count, int descriptor, Wait wait) const;
+
     Fd fd_;
 };
 
-// A frame that arrived. The payload is writable and stays until the batch is used again.
-struct Packet {
-    FrameHeader header;
-    char* payload = nullptr;  // kInlineLimit bytes, of which header.length are the frame's
-    Fd descriptor;
-    bool descriptorLost = false;  // one came, but this process had no room for it
-
-    // The payload is in the descriptor, being too long to be inline.
-    bool outOfLine() const { return header.length > kInlineLimit; }
-};
-
-// Takes up to kCount packets from a socket with one system call, and checks what can be checked of any frame.
-class PacketBatch {
-public:
-    static constexpr unsigned kCount = 16;
-    struct Result {
-        unsigned count = 0;  // good packets, also when the rest failed
-        int status = 0;      // -EAGAIN: nothing there; -ECONNRESET: the end; -EPROTO: a bad one
-    };
-
-    PacketBatch();
-    Result receive(const PacketSocket& socket, Wait wait);
-    Packet& operator[](unsigned index) { return packets_[index]; }
-    // Closes the descriptors that nobody took.
-    void discard();
-
-private:
-    struct alignas(cmsghdr) Control {
-        char bytes[CMSG_SPACE(sizeof(int))];
-    };
-    void prepare(unsigned index);
-    bool accept(unsigned index, unsigned length);
-
-    std::array<Packet, kCount> packets_;
-    std::array<mmsghdr, kCount> messages_;
-    std::array<std::array<iovec, 2>, kCount> vectors_;
-    std::array<Control, kCount> controls_;
-    std::unique_ptr<char[]> payloads_;
-    unsigned used_ = kCount;
-};
+// Takes ownership of every descriptor of a message; keeps the first. Returns how many there were.
+unsigned adoptDescriptors(msghdr& message, Fd& first);
 
 }  // namespace nexnipc

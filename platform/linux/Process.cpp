@@ -32,7 +32,8 @@ void ClientIds::release(std::uint16_t id) {
     used_[id] = false;
 }
 
-Process::Process() : presence(std::make_shared<Presence>(lane)), pid_(::getpid()) {}
+Process::Process()
+    : presence(std::make_shared<Presence>(lane)), gatherTimer(std::make_shared<GatherTimer>(lane)), pid_(::getpid()) {}
 
 Process& Process::get() {
     static Process* const process = [] {
@@ -67,6 +68,7 @@ void Process::goQuiet() {
     const auto deadline = std::chrono::steady_clock::now() + kExitLimit;
     for (const auto& service : openServices) service->upcall.gate.waitOthersUntil(deadline);
     for (const auto& client : openClients) client->upcall.gate.waitOthersUntil(deadline);
+    for (const auto& client : openClients) client->sendGathered();
     for (const auto& service : openServices) service->dropSessions();
 }
 

@@ -11,6 +11,7 @@
 #include <mutex>
 #include <vector>
 
+#include "Gathering.h"
 #include "Lane.h"
 #include "Presence.h"
 
@@ -109,6 +110,7 @@ public:
     HandleTable<Service> services;
     ClientIds clientIds;
     const std::shared_ptr<Presence> presence;
+    const std::shared_ptr<GatherTimer> gatherTimer;
 
 private:
     Process();

@@ -3,6 +3,8 @@
 #include <fcntl.h>
 
 #include <cerrno>
+#include <iterator>
+#include <utility>
 
 namespace nexnipc {
 namespace {
@@ -16,19 +18,17 @@ constexpr std::size_t kDescriptorCost = 32U << 10;
 int SendQueue::push(const FrameHeader& header, const void* payload, int descriptor, bool isAnswer) {
     const std::size_t cost = kFrameCost + header.length + (descriptor >= 0 ? kDescriptorCost : 0);
     if (size_ + cost > (isAnswer ? kLimit : kEventLimit)) return -ENOBUFS;
-    Frame frame{header, {}, Fd(), cost};
-    const char* bytes = static_cast<const char*>(payload);
-    if (header.length > 0) frame.payload.assign(bytes, bytes + header.length);
+    Fd own;
     if (descriptor >= 0) {
-        frame.descriptor.reset(::fcntl(descriptor, F_DUPFD_CLOEXEC, 0));
-        if (!frame.descriptor.valid()) return -errno;
+        own.reset(::fcntl(descriptor, F_DUPFD_CLOEXEC, 0));
+        if (!own.valid()) return -errno;
     }
     if (budget_->fetch_add(cost) + cost > kServiceLimit) {
         budget_->fetch_sub(cost);
         return -ENOBUFS;
     }
     try {
-        frames_.push_back(std::move(frame));
+        add(header, payload, std::move(own), cost);
     } catch (...) {
         budget_->fetch_sub(cost);
         throw;
@@ -37,10 +37,26 @@ int SendQueue::push(const FrameHeader& header, const void* payload, int descript
     return 0;
 }
 
+void SendQueue::add(const FrameHeader& header, const void* payload, Fd descriptor, std::size_t cost) {
+    const bool shared = sharesPacket(header.type) && !descriptor.valid();
+    if (!shared || empty() || !packets_.back().shared || !packets_.back().content.fits(header)) {
+        std::list<QueuedPacket> fresh = std::exchange(spare_, {});
+        if (fresh.empty()) fresh.emplace_back();
+        fresh.back().content.add(header, payload);
+        packets_.splice(packets_.end(), fresh);
+        packets_.back().descriptor = std::move(descriptor);
+        packets_.back().shared = shared;
+    } else {
+        packets_.back().content.add(header, payload);
+    }
+    packets_.back().cost += cost;
+}
+
 int SendQueue::flush(const PacketSocket& socket) {
-    while (!frames_.empty()) {
-        const Frame& frame = frames_.front();
-        const int status = socket.send(frame.header, frame.payload.data(), frame.descriptor.get(), Wait::No);
+    while (!empty()) {
+        const QueuedPacket& first = packets_.front();
+        const PacketBuilder& content = first.content;
+        const int status = socket.sendPacket(content.bytes(), content.size(), first.descriptor.get(), Wait::No);
         if (status != 0) return status;
         pop();
     }
@@ -48,13 +64,18 @@ int SendQueue::flush(const PacketSocket& socket) {
 }
 
 void SendQueue::pop() {
-    size_ -= frames_.front().cost;
-    budget_->fetch_sub(frames_.front().cost);
-    frames_.pop_front();
+    QueuedPacket& first = packets_.front();
+    size_ -= first.cost;
+    budget_->fetch_sub(first.cost);
+    if (!spare_.empty()) return packets_.pop_front();
+    first.content.clear();
+    first.descriptor.reset();
+    first.cost = 0;
+    spare_.splice(spare_.end(), packets_, packets_.begin());
 }
 
 void SendQueue::clear() {
-    while (!frames_.empty()) pop();
+    while (!empty()) pop();
 }
 
 }  // namespace nexnipc

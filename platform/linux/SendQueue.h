@@ -2,10 +2,10 @@
 
 #include <atomic>
 #include <cstddef>
-#include <deque>
+#include <list>
 #include <memory>
-#include <vector>
 
+#include "PacketBuilder.h"
 #include "PacketSocket.h"
 
 namespace nexnipc {
@@ -13,7 +13,8 @@ namespace nexnipc {
 // How much all queues of one service hold.
 using QueueBudget = std::atomic<std::size_t>;
 
-// Frames that a client did not take at once, in order. Not thread-safe.
+// Frames that a client did not take at once, or that are gathered for it, in order; small ones go many to a packet.
+// Not thread-safe.
 class SendQueue {
 public:
     static constexpr std::size_t kLimit = 2U << 20;             // of one client
@@ -33,20 +34,24 @@ public:
     int flush(const PacketSocket& socket);
     void clear();
 
-    bool empty() const { return frames_.empty(); }
+    bool empty() const { return packets_.empty(); }
     std::size_t size() const { return size_; }
+    // In the packet that the next frame may join.
+    unsigned gatheredFrames() const { return empty() ? 0 : packets_.back().content.frames(); }
 
 private:
-    struct Frame {
-        FrameHeader header;
-        std::vector<char> payload;
+    struct QueuedPacket {
+        PacketBuilder content;
         Fd descriptor;
-        std::size_t cost;
+        std::size_t cost = 0;
+        bool shared = false;
     };
+    void add(const FrameHeader& header, const void* payload, Fd descriptor, std::size_t cost);
     void pop();
 
     const std::shared_ptr<QueueBudget> budget_;
-    std::deque<Frame> frames_;
+    std::list<QueuedPacket> packets_;
+    std::list<QueuedPacket> spare_;  // one at most, so that a queue that comes and goes allocates nothing
     std::size_t size_ = 0;
 };
 

@@ -71,18 +71,18 @@ bool ServiceDelivery::lookAgain() {
     const auto found = active_.find(latest_);
     if (found == active_.end() || !found->second->apart || found->second->holdReading()) return false;
     const SessionPtr session = found->second;
-    PacketBatch::Result result;
+    int status = 0;
     int others = 0;
     const auto look = [&] {
         others = ++looks_ % kLooksBetween == 0 ? poll(0) : 0;
-        if (others == 0) result = batch_.receive(session->main, Wait::No);
-        return others != 0 || result.status != -EAGAIN;
+        if (others == 0) status = batch_.receive(session->main, Wait::No);
+        return others != 0 || status != -EAGAIN;
     };
     if (!spin_.finds(look)) return false;
     if (others != 0) {
         serveEvents(others);
     } else {
-        const bool good = attempt([&] { return !session->closed && handleAll(*session, result); });
+        const bool good = attempt([&] { return !session->closed && handleAll(*session); });
         batch_.discard();
         if (!good) leave(session);
     }
@@ -148,15 +148,18 @@ bool ServiceDelivery::readTurn(Session& session, std::uint32_t events) {
     // A client that is gone takes nothing from its queue any more; what it sent is read to the end.
     const bool gone = (events & (EPOLLHUP | EPOLLERR)) != 0;
     if (session.holdReading() && !gone) return watch(session, EPOLL_CTL_MOD, 0);
-    return handleAll(session, batch_.receive(session.main, Wait::No));
+    batch_.receive(session.main, Wait::No);
+    return handleAll(session);
 }
 
-bool ServiceDelivery::handleAll(Session& session, const PacketBatch::Result& result) {
-    for (unsigned i = 0; i < result.count; ++i) {
+bool ServiceDelivery::handleAll(Session& session) {
+    GatherScope scope(session);
+    while (Packet* const packet = batch_.next()) {
         if (service_.stopped_) return true;
-        if (session.closed || !handle(session, batch_[i])) return false;
+        scope.setMore(batch_.more());
+        if (session.closed || !handle(session, *packet)) return false;
     }
-    return result.status == 0 || result.status == -EAGAIN;
+    return batch_.status() == 0 || batch_.status() == -EAGAIN;
 }
 
 bool ServiceDelivery::watch(const Session& session, int operation, std::uint32_t events) const {
@@ -191,7 +194,7 @@ bool ServiceDelivery::handle(Session& session, Packet& packet) {
 
 bool ServiceDelivery::handleAsync(Session& session, Packet& packet) {
     const FrameHeader& header = packet.header;
-    const bool descriptor = packet.descriptor.valid() || packet.descriptorLost;
+    const bool descriptor = packet.hasDescriptor();
     if (hasOwnFrame(header.functionId) || packet.outOfLine() || descriptor) return false;
     Call call;
     call.type = ASYNC_FUNCTION;
@@ -222,7 +225,7 @@ bool ServiceDelivery::handleShare(Session& session, Packet& packet) {
 
 bool ServiceDelivery::handleSync(Session& session, Packet& packet) {
     const FrameHeader& header = packet.header;
-    const bool descriptor = packet.descriptor.valid() || packet.descriptorLost;
+    const bool descriptor = packet.hasDescriptor();
     if (hasOwnFrame(header.functionId) || packet.outOfLine() != descriptor) return false;
     if (!session.slots.wasOpened(static_cast<std::uint32_t>(header.status))) return false;
     Call call;

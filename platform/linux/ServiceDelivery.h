@@ -7,7 +7,7 @@
 #include <memory>
 #include <unordered_map>
 
-#include "PacketSocket.h"
+#include "PacketBatch.h"
 #include "Service.h"
 #include "Spin.h"
 
@@ -33,7 +33,7 @@ private:
     void arrive(const SessionPtr& session);
     void serve(std::uint16_t clientId, std::uint32_t events);
     bool readTurn(Session& session, std::uint32_t events);
-    bool handleAll(Session& session, const PacketBatch::Result& result);
+    bool handleAll(Session& session);
     bool handle(Session& session, Packet& packet);
     bool handleAsync(Session& session, Packet& packet);
     bool handleShare(Session& session, Packet& packet);

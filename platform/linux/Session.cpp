@@ -4,6 +4,7 @@
 
 #include <cerrno>
 
+#include "Process.h"
 #include "Service.h"
 #include "Spin.h"
 #include "nex_nipc.h"
@@ -52,14 +53,56 @@ int Session::acknowledge() {
 
 int Session::sendLocked(const FrameHeader& header, const void* payload, int descriptor, bool isAnswer) {
     if (closed) return -ENOTCONN;
-    if (queue_.empty()) {
-        const int status = main.send(header, payload, descriptor, Wait::No);
-        if (status != -EAGAIN) return status == -ECONNRESET ? -ENOTCONN : status;
+    const bool gather = gathers(header, descriptor);
+    if (queue_.empty() && !gather) {
+        int status = main.send(header, payload, descriptor, Wait::No);
+        if (status == -EAGAIN)
+            status = watchWritable();
+        else
+            return status == -ECONNRESET ? -ENOTCONN : status;
+        if (status != 0) return status;
     }
-    if (const int status = watchWritable()) return status;
-    const int status = queue_.push(header, payload, descriptor, isAnswer);
-    if (queue_.empty()) unwatchWritable();
-    return status;
+    if (const int status = queue_.push(header, payload, descriptor, isAnswer)) {
+        if (queue_.empty()) unwatchWritable();
+        return status;
+    }
+    const bool wait = writableSource_ != 0 || (gather && !isEnough(queue_.gatheredFrames(), queue_.size()));
+    return wait ? 0 : flushGathered();
+}
+
+// Whether a frame may wait for others; not without the timer.
+bool Session::gathers(const FrameHeader& header, int descriptor) {
+    if (!GatherScope::hasMore(*this) || !isGathered(header, descriptor)) return false;
+    if (!timed_) timed_ = Process::get().gatherTimer->arm(shared_from_this());
+    return timed_;
+}
+
+int Session::flushGathered() noexcept {
+    int status = queue_.flush(main);
+    if (status == 0) return 0;
+    if (status == -ECONNRESET) {
+        queue_.clear();
+        return -ENOTCONN;
+    }
+    try {
+        status = watchWritable();
+    } catch (...) {
+        status = -ENOMEM;
+    }
+    // What was accepted and cannot go would leave a gap.
+    if (status != 0) main.shutdown();
+    return 0;
+}
+
+void Session::sendGathered() noexcept {
+    std::lock_guard<std::mutex> lock(sendMutex_);
+    if (writableSource_ == 0 && !queue_.empty()) flushGathered();
+}
+
+void Session::onGatherTimer() noexcept {
+    std::lock_guard<std::mutex> lock(sendMutex_);
+    timed_ = false;
+    if (writableSource_ == 0 && !queue_.empty()) flushGathered();
 }
 
 int Session::watchWritable() {
@@ -107,6 +150,7 @@ void Session::shutdown() {
     {
         std::lock_guard<std::mutex> lock(sendMutex_);
         closed = true;
+        if (writableSource_ == 0) queue_.flush(main);
         queue_.clear();
         unwatchWritable();
     }
@@ -117,12 +161,12 @@ void Session::shutdown() {
 }
 
 void Session::onControl(PacketBatch& scratch) {
-    const PacketBatch::Result result = scratch.receive(control_, Wait::No);
-    const bool ended = result.status == -ECONNRESET;
-    bool good = ended || result.status == 0 || result.status == -EAGAIN;
-    for (unsigned i = 0; good && i < result.count; ++i) good = handleControl(scratch[i]);
-    if (!good) return shutdown();
-    if (!ended) return;
+    scratch.receive(control_, Wait::No);
+    while (const Packet* const packet = scratch.next()) {
+        if (!handleControl(*packet)) return shutdown();
+    }
+    if (scratch.status() == 0 || scratch.status() == -EAGAIN) return;
+    if (scratch.status() != -ECONNRESET) return shutdown();
     // The client is leaving. What it sent before is still in the main socket, whose end is the session's.
     lane_.remove(controlSource_);
     slots.shutdown();
@@ -131,7 +175,7 @@ void Session::onControl(PacketBatch& scratch) {
 bool Session::handleControl(const Packet& packet) {
     const FrameHeader& header = packet.header;
     const bool plain = header.functionId == 0 && header.length == 0;
-    if (!plain || packet.descriptor.valid() || packet.descriptorLost) return false;
+    if (!plain || packet.hasDescriptor()) return false;
     const std::shared_ptr<Service> service = service_.lock();
     if (!service) return false;
     switch (header.type) {

@@ -6,8 +6,9 @@
 #include <mutex>
 
 #include "AckSequence.h"
+#include "Gathering.h"
 #include "Lane.h"
-#include "PacketSocket.h"
+#include "PacketBatch.h"
 #include "SendQueue.h"
 #include "ShareFrame.h"
 #include "SyncSlots.h"
@@ -20,7 +21,7 @@ class Service;
 // One client of a service. Its sockets are closed with the last reference; until then shutdown() ends it at once,
 // or the client does by closing, after what it has sent. The delivery thread of the service, which finds the main
 // socket at its end, takes it out.
-class Session : public std::enable_shared_from_this<Session> {
+class Session : public Gatherer, public std::enable_shared_from_this<Session> {
 public:
     Session(std::uint16_t id, Peer peer, PacketSocket main, PacketSocket control, Lane& lane,
             std::shared_ptr<QueueBudget> budget, std::weak_ptr<Service> service);
@@ -33,6 +34,8 @@ public:
     int share(OutgoingShare& share);
     int acknowledge();
     void shutdown();
+    void sendGathered() noexcept override;
+    void onGatherTimer() noexcept override;
 
     // Delivery thread: true when so much is queued for the client that its requests had better wait. The
     // service is told when to go on.
@@ -53,6 +56,8 @@ private:
     bool openChannel();
     void onWritable();
     int sendLocked(const FrameHeader& header, const void* payload, int descriptor, bool isAnswer);
+    bool gathers(const FrameHeader& header, int descriptor);
+    int flushGathered() noexcept;
     int watchWritable();
     void unwatchWritable();
 
@@ -64,7 +69,8 @@ private:
     std::mutex sendMutex_;  // taken before the lane's
     SendQueue queue_;
     std::uint64_t writableSource_ = 0;
-    bool held_ = false;
+    bool held_ = false;   // its requests are not read
+    bool timed_ = false;  // the timer will look for gathered frames
 };
 
 }  // namespace nexnipc

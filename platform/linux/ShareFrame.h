@@ -3,7 +3,7 @@
 #include <array>
 #include <cstdint>
 
-#include "PacketSocket.h"
+#include "PacketBatch.h"
 #include "nex_nipc.h"
 
 namespace nexnipc {

@@ -32,8 +32,7 @@ int Client::callSync(SyncRpcRecord& record) {
 
 int Client::exchange(Channel& channel, const FrameHeader& request, const void* payload, int descriptor,
                      SyncRpcRecord& record) {
-    int status = main_.send(request, payload, descriptor, Wait::Yes);
-    if (status != 0) return status == -EAGAIN ? -ETIMEDOUT : status;
+    if (const int status = send(request, payload, descriptor)) return status;
     FrameHeader answer;
     Fd memory;
     int length = 0;

@@ -1,0 +1,72 @@
+#include "Gathering.h"
+
+#include <sys/epoll.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
+
+namespace nexnipc {
+namespace {
+
+constexpr long kDelayNs = 250000;
+constexpr std::uint32_t kLargestGathered = 4096;
+constexpr unsigned kEnoughFrames = 16;
+constexpr std::size_t kEnoughBytes = 8192;
+
+struct Delivery {
+    const Gatherer* side = nullptr;
+    bool more = false;
+};
+thread_local Delivery current;
+
+}  // namespace
+
+GatherScope::GatherScope(Gatherer& side) : side_(side) { current = Delivery{&side, false}; }
+
+GatherScope::~GatherScope() {
+    current = Delivery();
+    side_.sendGathered();
+}
+
+void GatherScope::setMore(bool more) { current.more = more; }
+
+bool GatherScope::delivers(const Gatherer& side) { return current.side == &side; }
+
+bool GatherScope::hasMore(const Gatherer& side) { return current.side == &side && current.more; }
+
+bool isGathered(const FrameHeader& header, int descriptor) {
+    return descriptor < 0 && sharesPacket(header.type) && header.length <= kLargestGathered;
+}
+
+bool isEnough(unsigned frames, std::size_t bytes) { return frames >= kEnoughFrames || bytes >= kEnoughBytes; }
+
+bool GatherTimer::open() {
+    if (timer_.valid()) return true;
+    Fd timer(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
+    if (!timer.valid() || lane_.add(timer.get(), EPOLLIN, shared_from_this()) == 0) return false;
+    timer_ = std::move(timer);
+    return true;
+}
+
+bool GatherTimer::arm(std::shared_ptr<Gatherer> side) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (!open()) return false;
+    armed_.push_back(std::move(side));
+    if (armed_.size() > 1) return true;
+    itimerspec delay{};
+    delay.it_value.tv_nsec = kDelayNs;
+    ::timerfd_settime(timer_.get(), 0, &delay, nullptr);
+    return true;
+}
+
+void GatherTimer::onReady(std::uint32_t, PacketBatch&) {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        std::uint64_t times = 0;
+        [[maybe_unused]] const ssize_t read = ::read(timer_.get(), &times, sizeof(times));
+        due_.swap(armed_);
+    }
+    for (const auto& side : due_) side->onGatherTimer();
+    due_.clear();
+}
+
+}  // namespace nexnipc

@@ -1,0 +1,143 @@
+// Packets of several frames: what must not be in them, and that putting frames together costs neither order nor time.
+#include <fcntl.h>
+
+#include <cstring>
+#include <thread>
+
+#include "PlatformTest.h"
+#include "RawPeer.h"
+
+using namespace nexnipc;
+
+namespace {
+
+std::string padded(std::string frames) {
+    frames.resize(aligned(frames.size()));
+    return frames;
+}
+
+std::string request(const std::string& text) {
+    return bytesOf(header(FrameType::AsyncRequest, kRequest, static_cast<std::uint32_t>(text.size()))) + text;
+}
+
+std::string event(const std::string& text) {
+    return bytesOf(header(FrameType::Callback, kEvent, static_cast<std::uint32_t>(text.size()))) + text;
+}
+
+// The payloads that arrive, of however many packets, until there are `count`.
+std::vector<std::string> payloads(const RawPeer& peer, std::size_t count) {
+    std::vector<std::string> all;
+    std::string bytes;
+    RawPeer descriptor;
+    while (all.size() < count && peer.receive(bytes, descriptor)) {
+        for (std::size_t at = 0; at + sizeof(FrameHeader) <= bytes.size();) {
+            FrameHeader frame;
+            std::memcpy(&frame, bytes.data() + at, sizeof frame);
+            all.push_back(bytes.substr(at + sizeof frame, frame.length));
+            at = aligned(at + sizeof frame + frame.length);
+        }
+    }
+    return all;
+}
+
+// What the listener does in each of five calls that come in one packet: each sends "a"; the second has another thread
+// send "b" as well; the fourth first waits until all that has arrived; the last ends the handle.
+template <typename Send>
+void react(Endpoint& self, const Message& message, const Signal& seen, const Send& send) {
+    if (message.data == "3") {
+        EXPECT_TRUE(seen.wait());
+    }
+    EXPECT_EQ(send("a"), 0);
+    if (message.data == "1") std::thread([&] { EXPECT_EQ(send("b"), 0); }).join();
+    if (message.data == "4") {
+        EXPECT_EQ(self.disconnect(), 0);
+    }
+}
+
+const std::vector<std::string> kBeforeTheWait{"a", "a", "b", "a"};
+const std::vector<std::string> kAfterTheWait{"a", "a"};
+
+template <typename Frame>
+std::string sixCalls(const Frame& frame) {
+    std::string packet;
+    for (const char* number : {"0", "1", "2", "3", "4"}) packet += padded(frame(number));
+    return packet + frame("not called");
+}
+
+}  // namespace
+
+class PackedFramesTest : public PlatformTest {
+protected:
+    PackedFramesTest() : path_(directory.path + "/" + std::to_string(kUuid) + ".sock") {}
+
+    const std::string path_;
+};
+
+TEST_F(PackedFramesTest, APacketThatIsNotMadeOfFramesEndsItsConnection) {
+    const std::string good = request("good");
+    const struct {
+        const char* name;
+        std::string rest;
+        int descriptors = 0;
+    } cases[] = {
+        {"a header cut short", std::string(sizeof(FrameHeader) - 1, '\0')},
+        {"padding without a frame", ""},
+        {"a frame longer than the packet", bytesOf(header(FrameType::AsyncRequest, kRequest, 100)) + "short"},
+        {"a length without end", bytesOf(header(FrameType::AsyncRequest, kRequest, 0xFFFFFFFFU))},
+        {"bytes behind the last frame", padded(good) + "x"},
+        {"a frame that stands alone", bytesOf(header(FrameType::SyncRequest, kRequest, 0, 100, 1, 0))},
+        {"a share", bytesOf(header(FrameType::Share, SERVER_SHARE_FD_ID, 0))},
+        {"a descriptor", good, 1},
+    };
+    Endpoint service;
+    ASSERT_EQ(service.start(kUuid), 0);
+    const int null = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const RawClient peer = letIn(path_, kUuid);
+        EXPECT_TRUE(
+            peer.main.send(padded(good) + c.rest, std::vector<int>(static_cast<std::size_t>(c.descriptors), null)));
+        EXPECT_TRUE(peer.main.isClosed());
+    }
+    close(null);
+    const RawClient peer = letIn(path_, kUuid);
+    EXPECT_TRUE(peer.main.send(padded(request("")) + request("last")));
+    while (service.next(kRequest).data != "last") {
+    }
+}
+
+TEST_F(PackedFramesTest, AServiceHoldsBackNothing) {
+    Signal seen;
+    Endpoint service([&](Endpoint& self, const Message& message, nexNipc_parameter_t&) {
+        const auto send = [&](const char* text) { return self.callback(message.peer, kEvent, text); };
+        if (message.id == kRequest) react(self, message, seen, send);
+    });
+    ASSERT_EQ(service.start(kUuid), 0);
+    const RawClient peer = letIn(path_, kUuid);
+    EXPECT_TRUE(peer.main.send(sixCalls(request)));
+    EXPECT_EQ(payloads(peer.main, 4), kBeforeTheWait);
+    seen.set();
+    EXPECT_EQ(payloads(peer.main, 2), kAfterTheWait);
+}
+
+TEST_F(PackedFramesTest, AClientHoldsBackNothing) {
+    const RawPeer listener = RawPeer::listenAt(path_);
+    Signal seen;
+    Endpoint client([&](Endpoint& self, const Message& message, nexNipc_parameter_t&) {
+        const auto send = [&](const char* text) { return self.request(kRequest, text); };
+        if (message.id == kEvent) react(self, message, seen, send);
+    });
+    std::future<nex_status_t> status = std::async(std::launch::async, [&] { return client.connect(kUuid); });
+    const RawPeer peer = listener.accept();
+    auto [ours, theirs] = RawPeer::pair();
+    Welcome welcome;
+    welcome.version = kVersion;
+    EXPECT_TRUE(peer.send(welcomePacket(welcome), {theirs.fd()}));
+    theirs = RawPeer();
+    ASSERT_EQ(status.get(), 0);
+    EXPECT_EQ(payloads(peer, 1).size(), 1U);  // the greeting
+    EXPECT_TRUE(peer.send(sixCalls(event)));
+    EXPECT_EQ(payloads(peer, 4), kBeforeTheWait);
+    seen.set();
+    EXPECT_EQ(payloads(peer, 2), kAfterTheWait);
+}
