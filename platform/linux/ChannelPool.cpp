@@ -67,6 +67,7 @@ void ChannelPool::giveBack(Channel* channel, bool clean) {
 bool ChannelPool::opened(std::uint32_t number, int status, PacketSocket socket) {
     std::lock_guard<std::mutex> lock(mutex_);
     if (opening_ == 0 || (status == 0) != socket.valid() || status > 0) return false;
+    if (status == 0 && !socket.isPacketSocket()) return false;
     --opening_;
     if (status != 0) {
         lastRefusal_ = status;

@@ -124,6 +124,14 @@ int PacketSocket::receiveInto(FrameHeader& header, void* payload, std::size_t ca
     return static_cast<int>(static_cast<std::size_t>(length) - sizeof(header));
 }
 
+bool PacketSocket::isPacketSocket() const {
+    int domain = 0;
+    int type = 0;
+    socklen_t size = sizeof(domain);
+    if (::getsockopt(fd_.get(), SOL_SOCKET, SO_DOMAIN, &domain, &size) != 0 || domain != AF_UNIX) return false;
+    return ::getsockopt(fd_.get(), SOL_SOCKET, SO_TYPE, &type, &size) == 0 && type == SOCK_SEQPACKET;
+}
+
 void PacketSocket::shutdown() const { ::shutdown(fd_.get(), SHUT_RDWR); }
 
 void PacketSocket::setSendLimit(int milliseconds) const {

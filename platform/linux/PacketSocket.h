@@ -37,6 +37,8 @@ public:
     void setReceiveLimit(std::int64_t milliseconds) const;
     int fd() const { return fd_.get(); }
     bool valid() const { return fd_.valid(); }
+    // Whether it is what it has to be, when it came from the peer: shutdown() wakes nobody who waits on some others.
+    bool isPacketSocket() const;
 
 private:
     template <typename Send>

@@ -1,5 +1,6 @@
 // What a peer that does not keep to the frame format can do: lose its own connection, and nothing else.
 #include <fcntl.h>
+#include <sys/socket.h>
 
 #include <list>
 #include <thread>
@@ -16,6 +17,22 @@ protected:
     ~HostilePeerTest() override { close(null_); }
 
     RawClient letIn() const { return ::letIn(path_, kUuid); }
+
+    /// What a client gets to whom a service says that.
+    static std::pair<nex_status_t, RawPeer> greet(const RawPeer& listener, Endpoint& client, const std::string& bytes,
+                                                  const std::vector<int>& descriptors) {
+        std::future<nex_status_t> status = std::async(std::launch::async, [&] { return client.connect(kUuid); });
+        RawPeer peer = listener.accept();
+        if (!bytes.empty() || !descriptors.empty()) peer.send(bytes, descriptors);
+        return {status.get(), std::move(peer)};
+    }
+    static Welcome goodWelcome() {
+        Welcome welcome;
+        welcome.version = kVersion;
+        welcome.clientId = 1;
+        welcome.serviceHandle = 1;
+        return welcome;
+    }
 
     const std::string path_;
     const int null_ = open("/dev/null", O_RDWR | O_CLOEXEC);
@@ -107,32 +124,24 @@ TEST_F(HostilePeerTest, WhatASilentClientSentBeforeItLeftArrives) {
 
 TEST_F(HostilePeerTest, AServiceThatBreaksTheRulesIsReportedDown) {
     const RawPeer listener = RawPeer::listenAt(path_);
-    Welcome welcome;
-    welcome.version = kVersion;
-    welcome.clientId = 1;
+    const Welcome welcome = goodWelcome();
     Welcome strange = welcome;
     strange.magic = 1;
-    const auto greet = [&](Endpoint& client, const std::string& bytes, const std::vector<int>& descriptors) {
-        std::future<nex_status_t> status = std::async(std::launch::async, [&] { return client.connect(kUuid); });
-        RawPeer peer = listener.accept();
-        if (!bytes.empty() || !descriptors.empty()) peer.send(bytes, descriptors);
-        return std::make_pair(status.get(), std::move(peer));
-    };
-
     Endpoint refused;
-    EXPECT_NE(greet(refused, "", {}).first, 0);
+    EXPECT_NE(greet(listener, refused, "", {}).first, 0);
     const std::size_t descriptors = descriptorCount(getpid());
-    EXPECT_NE(greet(refused, welcomePacket(strange), {null_}).first, 0);
-    EXPECT_NE(greet(refused, welcomePacket(welcome), {}).first, 0);
-    EXPECT_NE(greet(refused, welcomePacket(welcome), {null_, null_}).first, 0);
-    EXPECT_NE(greet(refused, "", {null_}).first, 0);
+    EXPECT_NE(greet(listener, refused, welcomePacket(strange), {null_}).first, 0);
+    EXPECT_NE(greet(listener, refused, welcomePacket(welcome), {}).first, 0);
+    EXPECT_NE(greet(listener, refused, welcomePacket(welcome), {null_, null_}).first, 0);
+    EXPECT_NE(greet(listener, refused, "", {null_}).first, 0);
+    EXPECT_NE(greet(listener, refused, welcomePacket(welcome), {null_}).first, 0);
     EXPECT_EQ(refused.count(NEX_NIPC_EVENT_CONNECTION_DONE), 0U);
     EXPECT_EQ(descriptorCount(getpid()), descriptors);
     for (const Violation& v : kToClient) {
         SCOPED_TRACE(v.name);
         auto [ours, theirs] = RawPeer::pair();
         Endpoint client;
-        const auto [status, peer] = greet(client, welcomePacket(welcome), {theirs.fd()});
+        const auto [status, peer] = greet(listener, client, welcomePacket(welcome), {theirs.fd()});
         theirs = RawPeer();
         ASSERT_EQ(status, 0);
         v.commit(peer, ours, null_);
@@ -140,4 +149,19 @@ TEST_F(HostilePeerTest, AServiceThatBreaksTheRulesIsReportedDown) {
         client.next(NEX_NIPC_EVENT_SERVER_DOWN);
         EXPECT_NE(client.request(kRequest, "x"), 0);
     }
+}
+
+// Closing wakes nobody who waits on a socket of that kind.
+TEST_F(HostilePeerTest, ACallDoesNotWaitOnAChannelThatIsNone) {
+    const RawPeer listener = RawPeer::listenAt(path_);
+    auto [ours, theirs] = RawPeer::pair();
+    Endpoint client;
+    const auto [status, peer] = greet(listener, client, welcomePacket(goodWelcome()), {theirs.fd()});
+    ASSERT_EQ(status, 0);
+    auto call = std::async(std::launch::async, [&] { return client.call(kRequest, "x").transport; });
+    ours.receiveDescriptor();
+    const RawPeer channel(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, 0));
+    ours.send(packet(header(FrameType::ChannelOpened, 0, 0), 0), {channel.fd()});
+    EXPECT_TRUE(peer.isClosed());
+    EXPECT_EQ(call.get(), -ECONNRESET);
 }
