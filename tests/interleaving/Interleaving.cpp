@@ -194,12 +194,14 @@ private:
     }
 
     // Times that meet each other, and the slices of the worker's pauses.
-    static void pass() { scheduler.wait(&platform, scheduler.now() + scheduler.random(4) * 100'000'000U); }
+    static void pass(std::uint64_t slice = 100) {
+        scheduler.wait(nullptr, scheduler.now() + scheduler.random(4) * slice * 1'000'000U);
+    }
 
     static void comeAndGo() {
         const unsigned int times = 2 * scheduler.random(3);
         for (unsigned int i = 0; i < times; ++i) {
-            pass();
+            pass(i % 2 == 0 ? 100 : 600);
             platform.setService(i % 2 == 1);
         }
     }

@@ -137,6 +137,19 @@ TEST_F(ConnectionRace, AServiceMayBeCalledBeforeItsStartHasReturned) {
     EXPECT_EQ(platform.calls(Operation::Callback).size(), 1U);
 }
 
+TEST_F(ConnectionRace, AServiceThatIsInitializedTwiceAtOnceStartsOnce) {
+    const Subject server = make(Role::Server);
+    std::future<bool> second;
+    platform.onNextCall(Operation::Start, [&](const Call&) {
+        second = std::async(std::launch::async, [&] { return server->initialize(); });
+        // One that does not wait for the first calls within this time.
+        EXPECT_FALSE(platform.waitForCalls(Operation::Start, 2, std::chrono::milliseconds(200)));
+    });
+    EXPECT_TRUE(server->initialize());
+    EXPECT_TRUE(second.get());
+    EXPECT_EQ(platform.calls(Operation::Start).size(), 1U);
+}
+
 TEST_F(ConnectionRace, AServiceThatIsInitializedTwiceWhileRetryingStartsOnce) {
     platform.failNext(Operation::Start, -98, 3);
     const Subject server = make(Role::Server);

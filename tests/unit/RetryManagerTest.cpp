@@ -111,6 +111,20 @@ TEST_F(RetryManager, AThreadThatCannotBeHadLosesNoOtherStart) {
     EXPECT_TRUE(subject.journal->waitFor("Retry stopped for REFUSED"));
 }
 
+TEST_F(RetryManager, WantOfMemoryEndsNeitherTheWorkerNorTheProcess) {
+    for (int allocation = 1; allocation < 40; ++allocation) {
+        SCOPED_TRACE(allocation);
+        remaining = 2;
+        const auto operation = [this, allocation] {
+            failNew(allocation);
+            return remaining-- > 0 ? -111 : 0;
+        };
+        EXPECT_TRUE(Access::retryManager(*subject).startRetry(operation, "an operation with a name that is long"));
+        while (Access::retryManager(*subject).isActive()) std::this_thread::yield();
+        EXPECT_LT(remaining, 0);
+    }
+}
+
 /// In a child process, whose end prints the last that was logged and measured.
 class FiveMinutes : public ConnectorTest {
 protected:

@@ -114,15 +114,24 @@ protected:
     }
 };
 
-TEST_F(ProcessEnd, LeavesARegistryThatGivesNothing) {
+TEST_F(ProcessEnd, LeavesNothingThatDoesAnything) {
     const auto end = [this] {
-        static auto& kept = *new std::shared_ptr<NIPCConnector>;
+        static auto& kept = *new std::vector<Subject>;
+        static auto& respond = *new AsyncResponseCallback;
         std::atexit([] {  // Runs after the registry's end.
-            const auto late = NIPCConnector::getInstance(true, "late", {"service", 7}, nullptr, nullptr);
-            std::_Exit(late == nullptr && !kept->publishEvent("late") ? 0 : 3);
+            FakePlatform& fake = FakePlatform::instance();
+            fake.forgetCalls();
+            const bool silent = NIPCConnector::getInstance(true, "late", {"service", 7}, nullptr, nullptr) == nullptr &&
+                                !kept[0]->publishEvent("late") &&
+                                fake.deliverEvent(NEX_NIPC_EVENT_SERVER_DOWN).result == -1;
+            respond(true, "late", 4);
+            std::_Exit(silent && fake.calls(Operation::Callback).empty() ? 0 : 3);
         });
-        kept = selfHoldingServer().connector;
-        std::exit(5);
+        kept.push_back(selfHoldingServer());
+        kept[0]->registerAsyncRequestHandler("keep", [](auto, auto, auto responder, auto&) { respond = responder; });
+        platform.deliverRequest(ASYNC_FUNCTION, computeFunctionId("keep"), "", 5, 9);
+        kept.push_back(connectedClient());
+        std::exit(respond ? 5 : 4);
     };
     EXPECT_EXIT(end(), ::testing::ExitedWithCode(0), "");
 }
