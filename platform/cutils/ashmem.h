@@ -9,8 +9,9 @@
 extern "C" {
 #endif
 
-/** Makes a shared-memory region of `size` bytes, all zero. Returns a descriptor that the caller closes,
- *  or a negative value. `name` is shown in /proc/PID/maps and may be null. */
+/** Makes a shared-memory region of `size` bytes. Returns a descriptor that the caller closes, or a negative value.
+ *  `name` is shown in /proc/PID/maps and may be null. The bytes are zero, or on Linux what an earlier region held
+ *  that was shared, acknowledged and closed, as long as this process knows one peer only. */
 int ashmem_create_region(const char* name, size_t size);
 
 #ifdef __cplusplus

@@ -25,7 +25,8 @@ Client::Client(std::int32_t number, const ClientConnectRecord& record, Connectio
       serviceHandle_(connection.serviceHandle),
       maxSync_(maxSyncLength()),
       spinLimit_(connection.apart ? spinLimit() : std::chrono::microseconds(0)),
-      channels_(control_, syncTimeoutMs(), spinLimit_) {}
+      channels_(control_, syncTimeoutMs(), spinLimit_),
+      acks_(connection.peer) {}
 
 int Client::connect(std::int32_t* handle, const ClientConnectRecord& record) {
     Process& process = Process::get();
@@ -90,7 +91,7 @@ int Client::acknowledge() {
 int Client::share(const ShareFdMsg* message) {
     OutgoingShare outgoing;
     if (const int status = outgoing.take(message)) return status;
-    outgoing.header.sequence = acks_.next();
+    if (const int status = acks_.next(outgoing.descriptor, outgoing.header.sequence)) return status;
     const int status = send(outgoing.header, outgoing.metadata, outgoing.descriptor);
     if (status != 0) acks_.cancel(outgoing.header.sequence);
     return status;

@@ -55,6 +55,7 @@ int handshake(std::uint16_t uuid, PacketSocket socket, Connection& connection) {
     if (!greeting.control.valid()) return -EPROTO;
     connection.main = std::move(socket);
     connection.control = PacketSocket(std::move(greeting.control));
+    connection.peer = greeting.peer;
     connection.ownProcess = greeting.peer.pid == ::getpid();
     connection.apart = canRunApart(greeting.peer.pid);
     connection.serviceHandle = greeting.welcome.serviceHandle;

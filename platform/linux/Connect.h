@@ -3,6 +3,7 @@
 #include <cstdint>
 
 #include "PacketSocket.h"
+#include "Trust.h"
 
 namespace nexnipc {
 
@@ -13,6 +14,7 @@ constexpr int kSendLimitMs = 3000;
 struct Connection {
     PacketSocket main;
     PacketSocket control;
+    Peer peer;
     bool ownProcess = false;
     bool apart = false;  // the service may run on another processor than we
     std::int32_t serviceHandle = 0;

@@ -7,6 +7,8 @@
 #include <sys/vfs.h>
 
 #include <cerrno>
+#include <cstdio>
+#include <limits>
 
 namespace nexnipc {
 namespace {
@@ -37,6 +39,16 @@ int makeSealedCopy(const void* data, std::size_t length, Fd& memory) {
         done += static_cast<std::size_t>(written);
     }
     return ::fcntl(memory.get(), F_ADD_SEALS, kCopySeals) == 0 ? 0 : -errno;
+}
+
+int makeSealedRegion(const char* name, std::size_t size, Fd& region) {
+    if (size == 0 || size > static_cast<std::size_t>(std::numeric_limits<off_t>::max())) return -EINVAL;
+    char shown[200];  // the kernel refuses longer ones
+    std::snprintf(shown, sizeof(shown), "%s", name != nullptr ? name : "ashmem");
+    region.reset(::memfd_create(shown, MFD_CLOEXEC | MFD_ALLOW_SEALING));
+    if (!region.valid()) return -errno;
+    if (::ftruncate(region.get(), static_cast<off_t>(size)) != 0) return -errno;
+    return ::fcntl(region.get(), F_ADD_SEALS, kRegionSeals) == 0 ? 0 : -errno;
 }
 
 bool isSealedRegion(int region, std::uint64_t length) { return isSealed(region, kRegionSeals, length); }

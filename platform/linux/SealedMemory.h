@@ -10,6 +10,9 @@ namespace nexnipc {
 // A copy of `data` that nobody can change, for a synchronous payload too long for a packet.
 int makeSealedCopy(const void* data, std::size_t length, Fd& memory);
 
+// Memory that can neither shrink nor grow, nor get other seals; its content stays writable.
+int makeSealedRegion(const char* name, std::size_t size, Fd& region);
+
 // Whether the region can neither shrink nor grow, nor get other seals, and holds `length` bytes.
 bool isSealedRegion(int region, std::uint64_t length);
 

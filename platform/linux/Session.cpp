@@ -17,6 +17,7 @@ Session::Session(std::uint16_t number, Peer who, PacketSocket mainSocket, Packet
       peer(who),
       apart(canRunApart(who.pid)),
       main(std::move(mainSocket)),
+      acks(who),
       control_(std::move(control)),
       lane_(lane),
       service_(std::move(service)),
@@ -37,7 +38,7 @@ int Session::send(const FrameHeader& header, const void* payload, bool isAnswer)
 
 int Session::share(OutgoingShare& outgoing) {
     std::lock_guard<std::mutex> lock(sendMutex_);
-    outgoing.header.sequence = acks.next();
+    if (const int status = acks.next(outgoing.descriptor, outgoing.header.sequence)) return status;
     const int status = sendLocked(outgoing.header, outgoing.metadata, outgoing.descriptor, outgoing.isAnswer);
     if (status != 0) acks.cancel(outgoing.header.sequence);
     return status;

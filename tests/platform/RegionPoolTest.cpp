@@ -1,0 +1,173 @@
+// When the memory of a shared region is used again, and when it must not be.
+#include "../../platform/linux/RegionPool.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using nexnipc::Fd;
+using nexnipc::Peer;
+using nexnipc::RegionPool;
+
+namespace {
+
+constexpr std::size_t kSize = 100000;
+
+struct stat statusOf(const Fd& region) {
+    struct stat status {};
+    EXPECT_EQ(fstat(region.get(), &status), 0);
+    return status;
+}
+
+ino_t inodeOf(const Fd& region) { return statusOf(region).st_ino; }
+
+// A pool that knows one process, over two connections.
+struct World {
+    World() { pool.meet(one), pool.meet(one); }
+
+    Fd make(std::size_t size = kSize) { return Fd(pool.make("test", size)); }
+    bool share(const Fd& region, std::uint32_t number, const void* over, bool toTheOne = true) {
+        return pool.share(region.get(), over, number, toTheOne);
+    }
+    // Makes, shares, is acknowledged, closes.
+    ino_t use(std::size_t size = kSize) {
+        const Fd region = make(size);
+        EXPECT_TRUE(share(region, 1, &first));
+        pool.acknowledged(&first, 1);
+        return inodeOf(region);
+    }
+
+    const Peer one{getpid(), getuid()};
+    const Peer other{getppid(), getuid()};
+    RegionPool pool;
+    const int first = 0, second = 0;  // stand for connections
+};
+
+}  // namespace
+
+TEST(RegionPoolTest, OnlyItsOwnAcknowledgementFreesARegionThatIsClosed) {
+    const struct {
+        const char* name;
+        void (*treat)(World& world, Fd& region);
+        bool again;
+    } cases[] = {
+        {"acknowledged",
+         [](World& w, Fd& region) {
+             w.share(region, 7, &w.first);
+             w.pool.acknowledged(&w.first, 7);
+         },
+         true},
+        {"acknowledged and still open",
+         [](World& w, Fd& region) {
+             w.share(region, 7, &w.first);
+             w.pool.acknowledged(&w.first, 7);
+             region.release();
+         },
+         false},
+        {"never shared", [](World&, Fd&) {}, false},
+        {"not acknowledged", [](World& w, Fd& region) { w.share(region, 7, &w.first); }, false},
+        {"another number's or connection's acknowledgement",
+         [](World& w, Fd& region) {
+             w.share(region, 7, &w.first);
+             w.pool.acknowledged(&w.first, 6);
+             w.pool.acknowledged(&w.second, 7);
+         },
+         false},
+        {"acknowledged after the next share",
+         [](World& w, Fd& region) {
+             w.share(region, 7, &w.first);
+             w.share(w.make(1), 8, &w.first);
+             w.pool.acknowledged(&w.first, 7);
+         },
+         false},
+        {"acknowledged after the connection was given up",
+         [](World& w, Fd& region) {
+             w.share(region, 7, &w.first);
+             w.pool.part(&w.first);
+             w.pool.acknowledged(&w.first, 7);
+         },
+         false},
+        {"shared twice",
+         [](World& w, Fd& region) {
+             w.share(region, 7, &w.first);
+             w.share(region, 8, &w.second);
+             w.pool.acknowledged(&w.first, 7);
+             w.pool.acknowledged(&w.second, 8);
+         },
+         false},
+        {"shared as a duplicate",
+         [](World& w, Fd& region) {
+             w.share(Fd(dup(region.get())), 7, &w.first);
+             w.pool.acknowledged(&w.first, 7);
+         },
+         false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        World world;
+        Fd region = world.make();
+        const ino_t inode = inodeOf(region);
+        c.treat(world, region);
+        region.reset();
+        const Fd next = world.make();
+        EXPECT_EQ(inodeOf(next) == inode, c.again);
+        EXPECT_EQ(statusOf(next).st_size, static_cast<off_t>(kSize));
+    }
+}
+
+TEST(RegionPoolTest, NothingIsUsedAgainOnceASecondProcessIsMet) {
+    struct Case {
+        const char* name;
+        Peer peer;
+    };
+    const World sample;
+    const Case cases[] = {
+        {"another process", sample.other},
+        {"the same number as another user", {sample.one.pid, sample.one.uid + 1}},
+        {"one that cannot be identified", {0, sample.one.uid}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        World world;
+        const ino_t free = world.use();
+        world.use(2 * kSize);
+        const Fd used = world.make();
+        ASSERT_EQ(inodeOf(used), free);
+        const Fd mapped = world.make(3 * kSize);
+        EXPECT_FALSE(world.pool.meet(c.peer));
+        EXPECT_FALSE(world.pool.meet(world.one)) << "for good";
+        EXPECT_FALSE(world.share(used, 5, &world.second, false)) << "holds what the first was sent";
+        EXPECT_FALSE(world.share(used, 6, &world.second, false)) << "asked again";
+        EXPECT_TRUE(world.share(used, 7, &world.first, true));
+        EXPECT_TRUE(world.share(mapped, 8, &world.second, false)) << "nobody has seen it";
+        world.pool.acknowledged(&world.second, 8);
+        const Fd fresh = world.make(2 * kSize);
+        EXPECT_EQ(statusOf(fresh).st_blocks, 0);
+    }
+}
+
+TEST(RegionPoolTest, LittleIsKeptAndNothingWithoutAConnection) {
+    World world;
+    const auto holdsOpen = [] {
+        std::size_t bytes = 0;
+        for (int descriptor = 3; descriptor < 256; ++descriptor) {
+            struct stat status {};
+            if (fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode) && status.st_nlink == 0)
+                bytes += static_cast<std::size_t>(status.st_size);
+        }
+        return bytes;
+    };
+    const std::size_t before = holdsOpen();
+    for (std::size_t size = kSize; size <= 20 * kSize; size += kSize) world.use(size);
+    world.use(5U << 20);
+    world.use(5U << 20);
+    EXPECT_GT(holdsOpen(), before);
+    EXPECT_LE(holdsOpen(), before + (8U << 20));
+    world.use(100U << 20);
+    EXPECT_LE(holdsOpen(), before + (8U << 20)) << "too big to be kept";
+    world.pool.part(&world.first);
+    world.pool.part(&world.second);
+    EXPECT_EQ(holdsOpen(), before);
+    world.use();
+    EXPECT_EQ(holdsOpen(), before);
+}
