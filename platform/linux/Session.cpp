@@ -143,7 +143,8 @@ void Session::onWritable() {
 
 bool Session::holdReading() {
     std::lock_guard<std::mutex> lock(sendMutex_);
-    held_ = queue_.size() > SendQueue::kHighMark;
+    // Once it is, only onWritable() ends that: it tells the service to go on.
+    held_ = held_ || queue_.size() > SendQueue::kHighMark;
     return held_;
 }
 
