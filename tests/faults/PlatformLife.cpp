@@ -16,7 +16,9 @@ namespace {
 
 constexpr std::uint16_t kUuid = 41401;
 constexpr std::uint16_t kRequest = 2000;
+constexpr std::uint16_t kAside = 2001;  // from inside a listener
 constexpr std::uint16_t kEvent = 3000;
+constexpr int kEvents = 90;
 
 /// One end of the platform. Its listener allocates nothing: what runs short is the platform's.
 class End {
@@ -82,7 +84,7 @@ public:
 
     std::int32_t handle = -1;
     std::atomic<bool> open{true};  // Otherwise events are held up.
-    std::atomic<int> connected{0}, requests{0}, events{0}, shares{0}, acks{0};
+    std::atomic<int> connected{0}, requests{0}, events{0}, shares{0}, acks{0}, asides{0}, refused{0};
     std::atomic<std::uint16_t> client{0};  // The latest.
     static inline std::atomic<int> gone{0};
 
@@ -113,7 +115,12 @@ private:
             }
             case kEvent:
                 soon([this] { return open.load(); }, 10s);
-                ++events;
+                // Many of these are gathered; those before a pause are not kept waiting.
+                if (const nex_status_t status = request(kAside, 10)) refused = status;
+                if (++events % 20 == 0) std::this_thread::sleep_for(2ms);
+                break;
+            case kAside:
+                ++asides;
                 break;
             default:
                 ++requests;
@@ -131,14 +138,16 @@ private:
 // More than the socket takes, so that events queue up; more than the high mark, so that requests are held back.
 bool crowd(Steps& steps, End& service, End& client) {
     client.open = false;
-    for (int i = 0; i < 90; ++i) {
+    for (int i = 0; i < kEvents; ++i) {
         if (!steps.good("event", service.callback(service.client, kEvent, 16000))) break;
     }
     const bool queued = steps.failed.empty() && steps.good("queued share", service.share(service.client)) &&
                         steps.good("held request", client.request(kRequest, 10));
     client.open = true;
-    return queued && steps.good("events", End::await(client.events, 90)) &&
+    return queued && steps.good("events", End::await(client.events, kEvents)) &&
            steps.good("share after events", End::await(client.shares)) &&
+           steps.good("request from inside", client.refused) &&
+           steps.good("requests from inside", End::await(service.asides, kEvents)) &&
            steps.good("request after events", End::await(service.requests, 4));
 }
 

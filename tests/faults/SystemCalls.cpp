@@ -206,6 +206,7 @@ NIPCTEST_CALL(void*, mmap, (void* at, std::size_t size, int protection, int flag
 NIPCTEST_CALL(int, epoll_create1, (int flags), (flags))
 NIPCTEST_CALL(int, epoll_wait, (int fd, void* events, int count, int timeout), (fd, events, count, timeout))
 NIPCTEST_CALL(int, eventfd, (unsigned value, int flags), (value, flags))
+NIPCTEST_CALL(int, timerfd_create, (int clock, int flags), (clock, flags))
 NIPCTEST_CALL(int, inotify_init1, (int flags), (flags))
 NIPCTEST_CALL(int, inotify_add_watch, (int fd, const char* path, unsigned mask), (fd, path, mask))
 NIPCTEST_CALL(int, inotify_rm_watch, (int fd, int watch), (fd, watch))
