@@ -179,8 +179,8 @@ private:
     }
 
     void use() {
-        for (unsigned int left = scheduler.random(4); left > 0; --left) {
-            pass();
+        for (unsigned int left = scheduler.random(6); left > 0; --left) {
+            if (scheduler.chance(2)) pass();
             if (scheduler.chance(4)) {
                 raw_->reportAggregateMetrics();
             } else if (isClient_) {
@@ -201,7 +201,7 @@ private:
     static void comeAndGo() {
         const unsigned int times = 2 * scheduler.random(3);
         for (unsigned int i = 0; i < times; ++i) {
-            pass(i % 2 == 0 ? 100 : 600);
+            if (i % 2 == 0 || scheduler.chance(2)) pass(i % 2 == 0 ? 100 : 600);
             platform.setService(i % 2 == 1);
         }
     }
