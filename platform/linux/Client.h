@@ -9,7 +9,7 @@
 #include "Connect.h"
 #include "Gathering.h"
 #include "PacketBatch.h"
-#include "PacketBuilder.h"
+#include "SendQueue.h"
 #include "Spin.h"
 #include "Upcall.h"
 
@@ -44,7 +44,7 @@ private:
     bool handleControl(Packet& packet);
 
     int send(const FrameHeader& header, const void* payload, int descriptor);
-    bool gather(const FrameHeader& header, const void* payload, int& status);
+    int sendFromListener(const FrameHeader& header, const void* payload);
     int flushGathered() noexcept;
     int awaitGathered();
 
@@ -74,8 +74,9 @@ private:
     std::atomic<bool> disconnected_{false};
 
     std::mutex gatherMutex_;
-    PacketBuilder gathered_;
+    SendQueue gathered_;
     std::atomic<bool> anyGathered_{false};
+    bool full_ = false;   // the service did not take all of it
     bool timed_ = false;  // the timer will look for gathered frames
 };
 

@@ -37,8 +37,9 @@ bool Client::takePackets(PacketBatch& batch, Spin& spin) {
 int Client::receive(PacketBatch& batch, Spin& spin) {
     // The service did not take what was gathered: there are two things to wait for.
     while (anyGathered_) {
+        if (batch.receive(main_, Wait::No) != -EAGAIN) return batch.status();
         pollfd ready{main_.fd(), POLLIN | POLLOUT, 0};
-        if (::poll(&ready, 1, -1) > 0 && (ready.revents & ~POLLOUT) != 0) break;
+        ::poll(&ready, 1, -1);
         sendGathered();
     }
     if (spin.finds([&] { return batch.receive(main_, Wait::No) != -EAGAIN; })) return batch.status();

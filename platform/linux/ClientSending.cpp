@@ -18,33 +18,37 @@ int sendStatus(int status) { return status == -EAGAIN ? -ETIMEDOUT : status; }
 
 // What is gathered goes first, so that one request does not overtake another that was made before.
 int Client::send(const FrameHeader& header, const void* payload, int descriptor) {
-    int status = 0;
-    if (isGathered(header, descriptor) && GatherScope::delivers(*this) && gather(header, payload, status))
-        return status;
-    if (anyGathered_) status = awaitGathered();
-    if (status != 0) return status;
+    if (descriptor < 0 && sharesPacket(header.type) && GatherScope::delivers(*this)) {
+        const int status = sendFromListener(header, payload);
+        if (status != -ENOBUFS) return status;
+    }
+    if (anyGathered_) {
+        if (const int status = awaitGathered()) return status;
+    }
     return sendStatus(main_.send(header, payload, descriptor, Wait::Yes));
 }
 
-// False when the frame has to go by itself.
-bool Client::gather(const FrameHeader& header, const void* payload, int& status) {
-    const bool more = GatherScope::hasMore(*this);
-    if (!more && !anyGathered_) return false;
+// The delivery thread had better go on reading than wait for a service that may be waiting for it. -ENOBUFS when too
+// much is queued for that.
+int Client::sendFromListener(const FrameHeader& header, const void* payload) {
     std::lock_guard<std::mutex> lock(gatherMutex_);
-    if (!gathered_.fits(header)) return false;
-    if (!timed_) timed_ = Process::get().gatherTimer->arm(shared_from_this());
-    if (!timed_) return false;
-    gathered_.add(header, payload);
+    bool gather = GatherScope::hasMore(*this) && isGathered(header, -1);
+    if (gather && !timed_) gather = timed_ = Process::get().gatherTimer->arm(shared_from_this());
+    if (gathered_.empty() && !gather) {
+        const int status = main_.send(header, payload, -1, Wait::No);
+        if (status != -EAGAIN) return status;
+        full_ = true;
+    }
+    if (const int status = gathered_.push(header, payload, -1, false)) return status;
     anyGathered_ = true;
-    if (more && !isEnough(gathered_.frames(), gathered_.size())) return true;
-    // One that does not go at once is accepted all the same, as it would be by the socket.
-    if (flushGathered() == -ECONNRESET) status = -ECONNRESET;
-    return true;
+    if (full_ || (gather && !isEnough(gathered_.gatheredFrames(), gathered_.size()))) return 0;
+    return flushGathered() == -ECONNRESET ? -ECONNRESET : 0;
 }
 
 int Client::flushGathered() noexcept {
-    const int status = gathered_.empty() ? 0 : main_.sendPacket(gathered_.bytes(), gathered_.size(), -1, Wait::No);
-    if (status == -EAGAIN) return status;
+    const int status = gathered_.flush(main_);
+    full_ = status == -EAGAIN;
+    if (full_) return status;
     gathered_.clear();
     anyGathered_ = false;
     // What was accepted and cannot go would leave a gap.

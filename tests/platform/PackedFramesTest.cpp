@@ -3,6 +3,7 @@
 
 #include <cstring>
 #include <thread>
+#include <tuple>
 
 #include "PlatformTest.h"
 #include "RawPeer.h"
@@ -50,7 +51,8 @@ void react(Endpoint& self, const Message& message, const Signal& seen, const Sen
     EXPECT_EQ(send("a"), 0);
     if (message.data == "1") std::thread([&] { EXPECT_EQ(send("b"), 0); }).join();
     if (message.data == "4") {
-        EXPECT_EQ(self.disconnect(), 0);
+        std::int32_t handle = self.handle;
+        EXPECT_EQ(nexNipc_disconnect(&handle), 0);
     }
 }
 
@@ -70,7 +72,22 @@ class PackedFramesTest : public PlatformTest {
 protected:
     PackedFramesTest() : path_(directory.path + "/" + std::to_string(kUuid) + ".sock") {}
 
+    // Lets the client in, as a service would.
+    RawPeer serve(const RawPeer& listener, Endpoint& client) {
+        std::future<nex_status_t> status = std::async(std::launch::async, [&] { return client.connect(kUuid); });
+        RawPeer peer = listener.accept();
+        RawPeer theirs;
+        std::tie(control_, theirs) = RawPeer::pair();
+        Welcome welcome;
+        welcome.version = kVersion;
+        EXPECT_TRUE(peer.send(welcomePacket(welcome), {theirs.fd()}));
+        EXPECT_EQ(status.get(), 0);
+        EXPECT_EQ(payloads(peer, 1).size(), 1U);  // the greeting
+        return peer;
+    }
+
     const std::string path_;
+    RawPeer control_;
 };
 
 TEST_F(PackedFramesTest, APacketThatIsNotMadeOfFramesEndsItsConnection) {
@@ -127,17 +144,24 @@ TEST_F(PackedFramesTest, AClientHoldsBackNothing) {
         const auto send = [&](const char* text) { return self.request(kRequest, text); };
         if (message.id == kEvent) react(self, message, seen, send);
     });
-    std::future<nex_status_t> status = std::async(std::launch::async, [&] { return client.connect(kUuid); });
-    const RawPeer peer = listener.accept();
-    auto [ours, theirs] = RawPeer::pair();
-    Welcome welcome;
-    welcome.version = kVersion;
-    EXPECT_TRUE(peer.send(welcomePacket(welcome), {theirs.fd()}));
-    theirs = RawPeer();
-    ASSERT_EQ(status.get(), 0);
-    EXPECT_EQ(payloads(peer, 1).size(), 1U);  // the greeting
+    const RawPeer peer = serve(listener, client);
     EXPECT_TRUE(peer.send(sixCalls(event)));
     EXPECT_EQ(payloads(peer, 4), kBeforeTheWait);
     seen.set();
     EXPECT_EQ(payloads(peer, 2), kAfterTheWait);
+}
+
+TEST_F(PackedFramesTest, AListenerSendsOnToAServiceThatIsBusySending) {
+    constexpr unsigned kCount = 60;
+    const RawPeer listener = RawPeer::listenAt(path_);
+    Endpoint client([](Endpoint& self, const Message& message, nexNipc_parameter_t&) {
+        const std::string text = message.data + std::string(16000, '.');
+        EXPECT_EQ(message.id == kEvent ? self.request(kRequest, text) : 0, 0);
+    });
+    const RawPeer peer = serve(listener, client);
+    for (unsigned i = 0; i < kCount; ++i) EXPECT_TRUE(peer.send(event(std::to_string(i))));
+    for (unsigned i = 0; i < kCount; ++i) EXPECT_EQ(client.next(kEvent).data, std::to_string(i));
+    const std::vector<std::string> requests = payloads(peer, kCount);
+    ASSERT_EQ(requests.size(), kCount);
+    for (unsigned i = 0; i < kCount; ++i) EXPECT_EQ(requests[i].substr(0, requests[i].find('.')), std::to_string(i));
 }
