@@ -204,6 +204,7 @@ def killing(options):
         recovered.append(kill_services(count, survivor))
         killed["service"] += count
         expect(beside.calls(20)[0] == 20, "a client beside is not served")
+        survivor.answer("calls", "calls ")  # or it would keep the figures of each
         if baseline is None and sum(killed.values()) >= min(1000, options.count // 3):
             baseline = held_at_rest(steady, beside, survivor)
     after = held_at_rest(steady, beside, survivor, baseline)
@@ -301,26 +302,29 @@ def run_events(publisher, first, count):
 def crossing(options):
     server = service()
     peer = client()
+    failed = peer.report()["failures"]
     start = time.monotonic()
     peer.tell("request", "large", options.count)
     server.answer("publish 1 %d 40000 0 0" % options.count, "published ", 300)
     peer.hear("requested", 300)
     spent = time.monotonic() - start
     arrived = eventually(lambda: peer.report()["large"] == peer.report()["answers"] == options.count, 10)
-    expect(arrived and peer.report()["failures"] == 0, "transfers that cross do not both arrive")
+    expect(arrived and peer.report()["failures"] == failed, "transfers that cross do not both arrive")
     figure("transfers both ways at once, ms each", "%.2f (%d each way)" % (spent * 1000 / options.count, options.count))
     peer.tell("cross")
     said = peer.hear("crossed ")
     figure("from inside both listeners: the client's own", "%s ms" % said)
-    expect(said is not None and said.startswith("in vain") and 2900 < int(said.split()[-1]) < 4500,
-           "a transfer from inside both listeners does not time out as documented")
+    # Who began first times out; the other just may be served then.
+    expect(said is not None and 2500 < int(said.split()[-1]) < 4500,
+           "a transfer from inside both listeners does not wait for the time limit")
     expect(peer.calls(10)[0] == 10, "calls fail after transfers crossed")
     others = [peer] + [client() for _ in range(2)]
     frozen = client()
     before = [other.report()["large"] for other in others]
     frozen.freeze()
     said = server.answer("publish 1000 3 40000 0 0", "published ", 60).split()
-    figure("large event with one frozen of four, ms: worst", "%.0f" % (float(said[3]) / 1000))
+    figure("large event with one frozen of four, ms: median, worst", "%.0f %.0f" %
+           (float(said[1]) / 1000, float(said[3]) / 1000))
     expect(2900 < float(said[3]) / 1000 < 3500, "a frozen client does not cost the documented three seconds")
     got = eventually(lambda: all(o.report()["large"] == b + 3 for o, b in zip(others, before)), 5)
     expect(got, "a client beside the frozen one lost a large event")
