@@ -16,7 +16,7 @@
 namespace nexnipc {
 
 // A client's connection to a service. Its sockets are closed with the last reference.
-class Client : public Gatherer, public std::enable_shared_from_this<Client> {
+class Client final : public Gatherer, public std::enable_shared_from_this<Client> {
 public:
     // Waits for the service, connects and starts the delivery thread; writes the handle before the first call
     // of the listener.

@@ -21,7 +21,7 @@ class Service;
 // One client of a service. Its sockets are closed with the last reference; until then shutdown() ends it at once,
 // or the client does by closing, after what it has sent. The delivery thread of the service, which finds the main
 // socket at its end, takes it out.
-class Session : public Gatherer, public std::enable_shared_from_this<Session> {
+class Session final : public Gatherer, public std::enable_shared_from_this<Session> {
 public:
     Session(std::uint16_t id, Peer peer, PacketSocket main, PacketSocket control, Lane& lane,
             std::shared_ptr<QueueBudget> budget, std::weak_ptr<Service> service);
