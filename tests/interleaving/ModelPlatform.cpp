@@ -58,6 +58,7 @@ nex_status_t ModelPlatform::open(std::int32_t* handle, nexNipc_listener_t listen
 }
 
 nex_status_t ModelPlatform::close(std::int32_t handle) {
+    if (handle == -1) scheduler.fail("disconnected without a handle");
     scheduler.yield();
     for (Connection& connection : connections_) {
         if (connection.handle != handle) continue;

@@ -1,4 +1,5 @@
 #include <cstdlib>
+#include <new>
 #include <thread>
 
 #include "ConnectorTest.h"
@@ -117,7 +118,8 @@ TEST_F(RetryManager, WantOfMemoryEndsNeitherTheWorkerNorTheProcess) {
         remaining = 2;
         const auto operation = [this, allocation] {
             failNew(allocation);
-            return remaining-- > 0 ? -111 : 0;
+            if (--remaining == 0) throw std::bad_alloc();
+            return remaining > 0 ? -111 : 0;
         };
         EXPECT_TRUE(Access::retryManager(*subject).startRetry(operation, "an operation with a name that is long"));
         while (Access::retryManager(*subject).isActive()) std::this_thread::yield();
