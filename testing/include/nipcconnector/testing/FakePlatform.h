@@ -98,6 +98,10 @@ struct SyncAnswer {
 /// component's callback has run. Thread-safe.
 class FakePlatform {
 public:
+    ~FakePlatform() = delete;
+    FakePlatform(const FakePlatform&) = delete;
+    FakePlatform& operator=(const FakePlatform&) = delete;
+
     /// The one of the process; never destroyed, as a platform outlives its users.
     static FakePlatform& instance();
 
@@ -160,9 +164,6 @@ private:
     struct State;
 
     FakePlatform();
-    ~FakePlatform() = delete;
-    FakePlatform(const FakePlatform&) = delete;
-    FakePlatform& operator=(const FakePlatform&) = delete;
 
     std::int32_t perform(Call call, std::int32_t* newHandle = nullptr, Listener newListener = nullptr,
                          void* userContext = nullptr);
