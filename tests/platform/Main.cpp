@@ -1,10 +1,12 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cstdlib>
 #include <future>
+#include <set>
 
 #include "PlatformTest.h"
 
@@ -59,6 +61,25 @@ int descriptors(const std::vector<std::string>&) {
     return 0;
 }
 
+// Shares with itself at each order, and says whether the next region is one that it had before.
+int sharing(const std::vector<std::string>& arguments) {
+    Endpoint service([](Endpoint& self, const Message& message, nexNipc_parameter_t&) {
+        if (message.id == SERVER_SHARE_FD_ID) self.callback(message.peer, SERVER_FD_PROCESSING_COMPLETED_ID, "");
+    });
+    Endpoint client;
+    if (service.start(uuidOf(arguments)) != 0 || client.connect(uuidOf(arguments)) != 0) return 1;
+    std::set<ino_t> known;
+    for (;;) {
+        const int region = regionOf("payload");
+        struct stat status {};
+        fstat(region, &status);
+        say(known.insert(status.st_ino).second ? "fresh" : "again");
+        if (hearParent().empty() || client.share(0, region, {7, kRequest, 0}) != 0) return 1;
+        close(region);
+        client.next(SERVER_FD_PROCESSING_COMPLETED_ID);
+    }
+}
+
 std::future<nex_status_t> waitingConnect;
 Endpoint* connected = nullptr;
 
@@ -104,6 +125,7 @@ int main(int argc, char** argv) {
     const int status = runRole(argc, argv,
                                {{"service", service},
                                 {"starved", starved},
+                                {"sharing", sharing},
                                 {"stranger", stranger},
                                 {"descriptors", descriptors},
                                 {"ending", ending},

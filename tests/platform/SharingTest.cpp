@@ -139,6 +139,18 @@ TEST_F(SharingTest, OneAcknowledgementOfTheLatestShareIsDelivered) {
     EXPECT_EQ(service.count(CLIENT_FD_PROCESSING_COMPLETED_ID), 0U);
 }
 
+TEST_F(SharingTest, ARegionIsUsedAgainUntilASecondProcessConnects) {
+    Process sharing({"sharing", std::to_string(kUuid)});
+    const auto next = [&] { return sharing.send("go"), sharing.hear(); };
+    EXPECT_EQ(sharing.hear(), "fresh");
+    EXPECT_EQ(next(), "again");
+    EXPECT_EQ(next(), "again");
+    EXPECT_EQ(client.connect(kUuid), 0);
+    EXPECT_EQ(next(), "fresh");
+    EXPECT_EQ(client.disconnect(), 0);
+    EXPECT_EQ(next(), "fresh");
+}
+
 TEST_F(SharingTest, AListenerMayShareAndWaitForTheAcknowledgement) {
     std::atomic<int> inTime{0};
     onService = [&](Endpoint& self, const Message& message, nexNipc_parameter_t&) {
