@@ -1,28 +1,14 @@
 // Feeds arbitrary text to the parsing, UTF-8, hexadecimal and splitting operations and aborts where a result
-// contradicts another. To run it for a minute:
-//
-//   cmake -S . -B build-fuzz -DCMAKE_CXX_COMPILER=clang++ -DNIPC_BUILD_FUZZERS=ON
-//   cmake --build build-fuzz --target nipc_fuzz_string_utils
-//   build-fuzz/tests/fuzz/nipc_fuzz_string_utils -max_total_time=60 -max_len=512
+// contradicts another.
 
-#include <cstddef>
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <string>
 #include <vector>
 
+#include "FuzzInput.h"
 #include "smarthome/StringUtils.h"
 
 using smarthome::StringUtils;
 
 namespace {
-
-void require(bool holds, const char* what) {
-    if (holds) return;
-    std::fprintf(stderr, "does not hold: %s\n", what);
-    std::abort();
-}
 
 void parse(const std::string& s, int base) {
     long long wide = 0;

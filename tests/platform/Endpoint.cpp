@@ -166,6 +166,11 @@ std::size_t Endpoint::count(std::uint16_t id) {
         std::count_if(messages_.begin(), messages_.end(), [id](const Message& message) { return message.id == id; }));
 }
 
+void Endpoint::forget() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    messages_.clear();
+}
+
 void echo(nexNipc_parameter_t& parameter) { *parameter.status = 0; }
 
 void answer(nexNipc_parameter_t& parameter, const std::string& response) {

@@ -60,6 +60,8 @@ public:
     /// Takes the first kept message of that id, waiting for it; a failure of the test when none comes.
     Message next(std::uint16_t id);
     std::size_t count(std::uint16_t id);
+    /// What nobody has asked for.
+    void forget();
 
     std::int32_t handle = -1;
 
