@@ -68,11 +68,11 @@ void Link::awaitConnected(Clock::time_point deadline, bool patient) const {
     std::optional<int> failure;
     const bool ended = monitor->await(deadline, [&] {
         failure = state.startFailure;
-        return state.connected || (failure && !patient);
+        return state.connected || (failure && *failure != -ETIMEDOUT && !patient);
     });
     if (ended && !failure) return;
     const std::string service = "service " + std::to_string(uuid) + " cannot be reached: ";
-    if (failure) throw Failure(Exit::Unreachable, service + meaningOf(*failure));
+    if (ended) throw Failure(Exit::Unreachable, service + meaningOf(*failure));
     throw Failure(Exit::Timeout, service + "no connection came about in time");
 }
 

@@ -66,7 +66,8 @@ struct Link {
     std::shared_ptr<Monitor> monitor;
     std::shared_ptr<nipcconnector::NIPCConnector> connector;
 
-    /// Waits until requests can be made. Without `patient` it gives up as soon as an attempt has failed.
+    /// Waits until requests can be made. Without `patient` it gives up as soon as an attempt has failed, but
+    /// for one that took too long, on a machine that is busy.
     void awaitConnected(Clock::time_point deadline, bool patient) const;
 };
 

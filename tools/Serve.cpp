@@ -177,6 +177,7 @@ Exit runServe(const ServeOptions& options) {
     std::thread([connector = link.connector] { publishLines(*connector); }).detach();
     while (!link.monitor->await(deadlineIn(0), [&] { return *stopped; })) {
     }
+    endShellCommands();
     return Exit::Ok;
 }
 

@@ -9,6 +9,8 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <mutex>
+#include <set>
 #include <utility>
 #include <vector>
 
@@ -36,6 +38,17 @@ private:
     std::array<int, 2> ends_{-1, -1};
 };
 
+/// The commands that run, each the leader of its process group.
+struct Running {
+    std::mutex mutex;
+    std::set<pid_t> pids;
+};
+
+Running& running() {
+    static Running& all = *new Running;  // Commands may run until the very end of the process.
+    return all;
+}
+
 /// Delivery threads block all signals, and this program ignores SIGPIPE: a command must not inherit either.
 pid_t spawnShell(const std::string& command, int input, int output) {
     posix_spawn_file_actions_t actions;
@@ -49,15 +62,30 @@ pid_t spawnShell(const std::string& command, int input, int output) {
     posix_spawnattr_setsigmask(&attributes, &signals);
     sigaddset(&signals, SIGPIPE);
     posix_spawnattr_setsigdefault(&attributes, &signals);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
 
     std::array<std::string, 3> words = {"sh", "-c", command};
     std::array<char*, 4> argv = {words[0].data(), words[1].data(), words[2].data(), nullptr};
     pid_t pid = -1;
+    const std::lock_guard<std::mutex> lock(running().mutex);
     const int error = ::posix_spawn(&pid, "/bin/sh", &actions, &attributes, argv.data(), environ);
     posix_spawnattr_destroy(&attributes);
     posix_spawn_file_actions_destroy(&actions);
-    return error == 0 ? pid : -1;
+    if (error != 0) return -1;
+    running().pids.insert(pid);
+    return pid;
+}
+
+/// True when it exited with 0. Its number is given back only when nobody can signal it any more.
+bool awaitSuccess(pid_t pid) {
+    siginfo_t ended{};
+    while (::waitid(P_PID, static_cast<id_t>(pid), &ended, WEXITED | WNOWAIT) < 0 && errno == EINTR) {
+    }
+    const std::lock_guard<std::mutex> lock(running().mutex);
+    running().pids.erase(pid);
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
 /// Both at once, since a command may write before it has read all, or read nothing.
@@ -101,11 +129,13 @@ CommandResult runShellCommand(const std::string& command, std::string_view input
     result.output = exchange(toCommand, fromCommand, input);
     toCommand.close(1);
     fromCommand.close(0);
-    int status = 0;
-    while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    result.succeeded = WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    result.succeeded = awaitSuccess(pid);
     return result;
+}
+
+void endShellCommands() {
+    const std::lock_guard<std::mutex> lock(running().mutex);
+    for (const pid_t pid : running().pids) ::kill(-pid, SIGTERM);
 }
 
 }  // namespace nipcctl

@@ -13,4 +13,7 @@ struct CommandResult {
 /// Runs `/bin/sh -c command` with the bytes on its standard input, and waits for it.
 CommandResult runShellCommand(const std::string& command, std::string_view input);
 
+/// Ends those that run, with what they have started, by SIGTERM.
+void endShellCommands();
+
 }  // namespace nipcctl
