@@ -20,9 +20,8 @@ set(CPACK_DEBIAN_COMPRESSION_TYPE xz)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS
-  $<TARGET_FILE_DIR:nipcconnector> $<TARGET_FILE_DIR:nex_nipc>)
-set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
-set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY >=)
+  ${PROJECT_BINARY_DIR}/src ${PROJECT_BINARY_DIR}/platform/linux)
+set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/CompressManPages.cmake)
 
 # nipc_debian_package(component package section description)
 macro(nipc_debian_package component package section summary)
@@ -30,9 +29,9 @@ macro(nipc_debian_package component package section summary)
   set(CPACK_DEBIAN_${upper}_PACKAGE_NAME ${package})
   set(CPACK_DEBIAN_${upper}_PACKAGE_SECTION ${section})
   set(CPACK_DEBIAN_${upper}_DESCRIPTION "${summary}
- Components of a smart-home device talk to each other across processes:
- requests that are answered now or later, and events, with payloads of up to
- 5 MiB.")
+Components of a smart-home device talk to each other across processes:
+requests that are answered now or later, and events, with payloads of up to
+5 MiB.")
   set(doc ${PROJECT_BINARY_DIR}/debian/${package})
   configure_file(packaging/debian/copyright ${doc}/copyright COPYONLY)
   configure_file(packaging/debian/changelog.in ${doc}/changelog @ONLY)
@@ -42,6 +41,11 @@ macro(nipc_debian_package component package section summary)
 endmacro()
 
 nipc_debian_package(runtime libnipcconnector0 libs "messages between the components of a smart-home device")
+# The libraries, for who links them; and the linker's cache, to be brought up to date.
+configure_file(packaging/debian/shlibs.in debian/shlibs @ONLY)
+configure_file(packaging/debian/triggers debian/triggers COPYONLY)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA
+  ${PROJECT_BINARY_DIR}/debian/shlibs ${PROJECT_BINARY_DIR}/debian/triggers)
 nipc_debian_package(dev libnipcconnector-dev libdevel
   "messages between the components of a smart-home device (development)")
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libnipcconnector0 (= ${PROJECT_VERSION})")
@@ -49,6 +53,7 @@ set(CPACK_DEBIAN_DEV_PACKAGE_SUGGESTS "libspdlog-dev, prometheus-cpp-dev")
 if(TARGET nipcctl)
   list(APPEND CPACK_COMPONENTS_ALL tools)
   nipc_debian_package(tools nipcctl utils "messages between the components of a smart-home device (tool)")
+  set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libnipcconnector0 (= ${PROJECT_VERSION})")
 endif()
 
 include(CPack)
