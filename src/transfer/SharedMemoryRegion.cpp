@@ -19,19 +19,6 @@ bool mayBeTooShort(int descriptor, std::uint32_t bytes) {
     return S_ISREG(status.st_mode) && static_cast<std::uint64_t>(status.st_size) < bytes;
 }
 
-// Repeats a partial read or write until all is done or nothing more goes; how much was done.
-template <typename Transfer>
-std::uint32_t repeat(std::uint32_t bytes, Transfer transfer) {
-    std::uint32_t done = 0;
-    while (done < bytes) {
-        const ssize_t now = transfer(done, bytes - done);
-        if (now < 0 && errno == EINTR) continue;
-        if (now <= 0) break;
-        done += static_cast<std::uint32_t>(now);
-    }
-    return done;
-}
-
 }  // namespace
 
 bool SharedMemoryRegion::create(std::uint32_t bytes) {
@@ -44,26 +31,28 @@ bool SharedMemoryRegion::create(std::uint32_t bytes) {
 
 bool SharedMemoryRegion::mapReceived(std::int32_t receivedDescriptor, std::uint32_t bytes) {
     descriptor = receivedDescriptor;
-    return !mayBeTooShort(descriptor, bytes) && map(bytes);
+    const bool mapped = !mayBeTooShort(descriptor, bytes) && map(bytes);
+    if (descriptor >= 0) close(descriptor);
+    descriptor = -1;
+    return mapped;
 }
 
-// Where the region is a file, reading and writing it reaches the same memory as the mapping, but without a page
-// fault for each page, which costs several times the copy. An ashmem device refuses both.
+// Where the region is a file, writing it reaches the same memory as the mapping, but without a page fault for each
+// page, which costs several times the copy. An ashmem device refuses.
 bool SharedMemoryRegion::fill(const char* from) const {
-    const std::uint32_t done = repeat(size, [&](std::uint32_t at, std::uint32_t bytes) {
-        return pwrite(descriptor, from + at, bytes, static_cast<off_t>(at));
-    });
-    // Going on through the mapping would be fatal.
-    if (done < size && (errno == ENOSPC || errno == ENOMEM)) return false;
+    std::uint32_t done = 0;
+    while (done < size) {
+        const ssize_t now = pwrite(descriptor, from + done, size - done, static_cast<off_t>(done));
+        if (now > 0) {
+            done += static_cast<std::uint32_t>(now);
+        } else if (now == 0 || errno != EINTR) {
+            // Without memory, going on through the mapping would be fatal.
+            if (now < 0 && (errno == ENOSPC || errno == ENOMEM)) return false;
+            break;
+        }
+    }
     std::memcpy(static_cast<char*>(address) + done, from + done, size - done);
     return true;
-}
-
-void SharedMemoryRegion::copyTo(char* to) const {
-    const std::uint32_t done = repeat(size, [&](std::uint32_t at, std::uint32_t bytes) {
-        return pread(descriptor, to + at, bytes, static_cast<off_t>(at));
-    });
-    std::memcpy(to + done, static_cast<const char*>(address) + done, size - done);
 }
 
 bool SharedMemoryRegion::map(std::uint32_t bytes) {

@@ -14,14 +14,12 @@ public:
 
     /// Makes a new region of just this size. False when there is none to be had.
     bool create(std::uint32_t bytes);
-    /// Maps a region that a peer has made. The descriptor is owned whatever the outcome. False when it cannot
-    /// be mapped or is shorter than this size.
+    /// Maps a region that a peer has made, and closes the descriptor, whatever the outcome. False when it
+    /// cannot be mapped or is shorter than this size.
     bool mapReceived(std::int32_t receivedDescriptor, std::uint32_t bytes);
 
     /// Copies `size` bytes into it. False when there is no memory for them.
     bool fill(const char* from) const;
-    /// Copies `size` bytes out of it.
-    void copyTo(char* to) const;
     void release();
 
     std::int32_t descriptor = -1;
