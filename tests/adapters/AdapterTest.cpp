@@ -70,6 +70,7 @@ TEST(RateLimitedLogger, PassesOnTheFirstOfEachKindAndCountsTheRest) {
 TEST(RateLimitedLogger, MoreKindsThanItTellsApartAreLimitedToo) {
     const auto journal = std::make_shared<Journal>("inner");
     std::vector<std::string> formats;
+    formats.reserve(200);
     for (int i = 0; i < 200; ++i) formats.push_back("kind " + std::to_string(i));
     {
         RateLimitedLogger logger(recordingLogger(journal), 1, 1h);

@@ -98,12 +98,11 @@ struct SyncAnswer {
 /// component's callback has run. Thread-safe.
 class FakePlatform {
 public:
+    /// The one of the process; never destroyed, as a platform outlives its users.
+    static FakePlatform& instance();
     ~FakePlatform() = delete;
     FakePlatform(const FakePlatform&) = delete;
     FakePlatform& operator=(const FakePlatform&) = delete;
-
-    /// The one of the process; never destroyed, as a platform outlives its users.
-    static FakePlatform& instance();
 
     /// Forgets calls, script, hooks and listeners. For the start of each test.
     void reset();
@@ -164,7 +163,6 @@ private:
     struct State;
 
     FakePlatform();
-
     std::int32_t perform(Call call, std::int32_t* newHandle = nullptr, Listener newListener = nullptr,
                          void* userContext = nullptr);
 
