@@ -87,8 +87,10 @@ struct Share {
         const std::string payload = input.bytes(input.byte());
         metadata = {static_cast<std::uint32_t>(payload.size()), input.number(), input.byte() % 3U};
         if ((choice & 1U) != 0) metadata.length += input.number();
-        if ((choice & 2U) != 0) descriptor = open((choice & 4U) != 0 ? "/dev/null" : "/", O_RDONLY | O_CLOEXEC);
-        if ((choice & 8U) != 0) descriptor = ashmem_create_region("share", payload.size() + 1);
+        if ((choice & 8U) != 0)
+            descriptor = ashmem_create_region("share", payload.size() + 1);
+        else if ((choice & 2U) != 0)
+            descriptor = open((choice & 4U) != 0 ? "/dev/null" : "/", O_RDONLY | O_CLOEXEC);
         if (pwrite(descriptor, payload.data(), payload.size(), 0) < 0) ++failed;
         message = {1, sizeof metadata, (choice & 16U) != 0 ? nullptr : &descriptor,
                    (choice & 32U) != 0 ? nullptr : &metadata, 0};
@@ -157,5 +159,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     while (!input.empty()) deliver(subject, input);
     subject.settle();
     subject.platform.reset();
+    const int lowest = dup(STDIN_FILENO);
+    require(lowest >= 0 && lowest < 100, "no descriptor is left behind");
+    close(lowest);
     return 0;
 }
