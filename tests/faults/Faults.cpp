@@ -30,7 +30,7 @@ void plan(const std::vector<std::string>& words) {
             planShortage(words[i] == "new", static_cast<unsigned>(std::stoul(words[i + 1])));
             i += 2;
         } else {
-            planFault(std::stoull(words[i], nullptr, 16), words.at(i + 1),
+            planFault(static_cast<std::uintptr_t>(std::stoull(words[i], nullptr, 16)), words.at(i + 1),
                       static_cast<unsigned>(std::stoul(words.at(i + 2))), std::stoi(words.at(i + 3)));
             i += 4;
         }

@@ -35,7 +35,8 @@ std::shared_ptr<Connector> connector;
 std::atomic<unsigned long> bad{0};          // payloads that were not what was sent
 std::atomic<unsigned long> sendsFailed{0};  // as the recorder was told
 std::atomic<unsigned long> linesOfIt{0};    // as the log was told
-std::atomic<unsigned long> events{0}, lost{0}, answers{0}, failures{0}, large{0};
+std::atomic<std::uint64_t> lost{0};
+std::atomic<unsigned long> events{0}, answers{0}, failures{0}, large{0};
 std::atomic<unsigned> slowness{0};  // microseconds per event
 
 void say(const std::string& line) {
@@ -144,7 +145,7 @@ void serve() {
 
 void subscribe() {
     const std::string self = std::to_string(getpid());
-    connector->subscribeForEvent("", "news", [self, last = 0UL](auto data, auto size) mutable {
+    connector->subscribeForEvent("", "news", [self, last = std::uint64_t{0}](auto data, auto size) mutable {
         std::uint64_t number = 0;
         if (!isWhole(data, size, number)) ++bad;
         if (number > last + 1 && last > 0) lost += number - last - 1;
