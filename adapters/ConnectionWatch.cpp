@@ -9,19 +9,34 @@ namespace nipcconnector {
 
 struct ConnectionWatch::State {
     void learn(bool isConnected) {
-        {
-            const std::lock_guard<std::mutex> lock(mutex);
-            if (connected == isConnected) return;
-            connected = isConnected;
-        }
+        std::unique_lock<std::mutex> lock(mutex);
+        connected = isConnected;
         changed.notify_all();
-        if (onChange) onChange(isConnected);
+        if (telling) return;  // Who tells looks again before he ends, so that the last word is the latest.
+        telling = true;
+        while (told != connected) tell(lock);
+        telling = false;
+    }
+
+    void tell(std::unique_lock<std::mutex>& lock) {
+        const bool news = told = connected;
+        lock.unlock();
+        try {
+            if (onChange) onChange(news);
+        } catch (...) {
+            lock.lock();
+            telling = false;
+            throw;
+        }
+        lock.lock();
     }
 
     ChangeHandler onChange;
     std::mutex mutex;
     std::condition_variable changed;
     bool connected = false;
+    bool told = false;
+    bool telling = false;
 };
 
 namespace {

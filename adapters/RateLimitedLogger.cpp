@@ -15,26 +15,26 @@ RateLimitedLogger::~RateLimitedLogger() {
 }
 
 void RateLimitedLogger::debug(const char* format, ...) {
-    if (!passes(format)) return;
+    if (!passes(Level::Debug, format)) return;
     NIPC_WRITE_LOG_TEXT(Level::Debug);
 }
 
 void RateLimitedLogger::info(const char* format, ...) {
-    if (!passes(format)) return;
+    if (!passes(Level::Info, format)) return;
     NIPC_WRITE_LOG_TEXT(Level::Info);
 }
 
 void RateLimitedLogger::warn(const char* format, ...) {
-    if (!passes(format)) return;
+    if (!passes(Level::Warn, format)) return;
     NIPC_WRITE_LOG_TEXT(Level::Warn);
 }
 
 void RateLimitedLogger::error(const char* format, ...) {
-    if (!passes(format)) return;
+    if (!passes(Level::Error, format)) return;
     NIPC_WRITE_LOG_TEXT(Level::Error);
 }
 
-bool RateLimitedLogger::passes(const char* format) {
+bool RateLimitedLogger::passes(Level level, const char* format) {
     if (!inner) return false;
     const auto now = Clock::now();
     Kind expired;
@@ -44,8 +44,10 @@ bool RateLimitedLogger::passes(const char* format) {
     Kind& kind = kindOf(format);
     if (kind.lines == 0) {
         kind.begin = now;
+        kind.level = level;
         nextLook = std::min(nextLook, now + length);
     }
+    kind.level = std::max(kind.level, level);
     return ++kind.lines <= most;
 }
 
@@ -81,9 +83,12 @@ bool RateLimitedLogger::takeExpired(Clock::time_point now, Kind& expired) {
     return false;
 }
 
+// At the level of the lines themselves: of those that the inner logger drops it need not say how many there were.
 void RateLimitedLogger::tell(const Kind& kind) {
-    if (inner && kind.lines > most)
-        inner->warn("%u more lines like this were left out: %s", kind.lines - most, kind.format);
+    if (!inner || kind.lines <= most) return;
+    char text[2048];
+    std::snprintf(text, sizeof text, "%u more lines like this were left out: %s", kind.lines - most, kind.format);
+    write(kind.level, text);
 }
 
 void RateLimitedLogger::write(Level level, const char* text) {

@@ -4,6 +4,8 @@
 #include <cerrno>
 #include <chrono>
 #include <regex>
+#include <stdexcept>
+#include <thread>
 
 #include "nipcconnector/adapters/ConnectionWatch.h"
 #include "nipcconnector/adapters/RateLimitedLogger.h"
@@ -54,7 +56,7 @@ TEST(StderrLogger, CutsWhatIsTooLong) {
 TEST(RateLimitedLogger, PassesOnTheFirstOfEachKindAndCountsTheRest) {
     const auto journal = std::make_shared<Journal>("inner");
     {
-        RateLimitedLogger logger(recordingLogger(journal), 2, 50ms);
+        RateLimitedLogger logger(recordingLogger(journal), 2, 200ms);
         for (int i = 0; i < 5; ++i) logger.error("lost %d", i);
         logger.info("another %s", "kind");
         const auto told = [&] { return journal->count("3 more lines like this were left out: lost %d") > 0; };
@@ -65,6 +67,10 @@ TEST(RateLimitedLogger, PassesOnTheFirstOfEachKindAndCountsTheRest) {
         EXPECT_EQ(journal->count("lost 6"), 1U);
     }
     EXPECT_EQ(journal->count("1 more lines like this were left out: lost %d"), 1U);
+    for (const Line& line : journal->lines()) {
+        const bool lost = line.text.find("lost") != std::string::npos;
+        EXPECT_EQ(line.level, lost ? 'E' : line.text == "another kind" ? 'I' : 'D') << line.text;
+    }
 }
 
 TEST(RateLimitedLogger, MoreKindsThanItTellsApartAreLimitedToo) {
@@ -110,6 +116,24 @@ TEST(ConnectionWatch, KnowsAConnectionAndItsLoss) {
     for (const Line& line : journal->lines()) metrics.push_back(line.text.substr(0, line.text.find(' ')));
     EXPECT_EQ(metrics, (std::vector<std::string>{"ServerDisconnection", "AggregateConnectionQuality"}));
     EXPECT_FALSE(watch.waitUntilLost(*client, 0ms));
+}
+
+TEST(ConnectionWatch, TellsOneChangeAfterTheOther) {
+    std::unique_ptr<nipcconnector::IMetricsRecorder> recorder;
+    std::vector<bool> changes;
+    const ConnectionWatch watch([&](bool connected) {
+        if (connected) std::thread([&] { recorder->record("ServerDisconnection", {}); }).join();
+        changes.push_back(connected);
+        if (!connected) throw std::runtime_error("swallowed by the connector");
+    });
+    recorder = watch.recorder();
+    const auto report = [&](const char* state) {
+        recorder->record("AggregateConnectionQuality",
+                         {{"ConnectionState", state, 0, 0, 0, smarthome::TalvoraDimensionType::String, false}});
+    };
+    for (int i = 0; i < 2; ++i) EXPECT_THROW(report("Connected"), std::runtime_error);
+    EXPECT_EQ(changes, (std::vector<bool>{true, false, true, false}));
+    EXPECT_FALSE(watch.connected());
 }
 
 }  // namespace

@@ -21,8 +21,9 @@ namespace nipcconnector {
 /// they know.
 class ConnectionWatch {
 public:
-    /// Runs at each change, on the thread that learnt of it and sometimes under a lock of the connector: it must
-    /// not call the connector.
+    /// Runs at each change, one call at a time, on a thread that learnt of it and sometimes under a lock of the
+    /// connector: it must not call the connector. The last call says what is so, also when changes follow each other
+    /// faster than it runs.
     using ChangeHandler = std::function<void(bool connected)>;
 
     /// The function may be empty.

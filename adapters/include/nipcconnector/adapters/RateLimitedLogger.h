@@ -12,7 +12,7 @@ namespace nipcconnector {
 
 /// Keeps a storm of like lines from another logger: one line for each event that is lost can be thousands a
 /// second. Of the lines with the same format it passes on the first few of each period and counts the others;
-/// the next line after the period, whichever it is, is preceded by a warning that says how many there were.
+/// the next line after the period, whichever it is, is preceded by one of their level that says how many there were.
 ///
 /// Lines that it passes on are cut after 2 KiB.
 class RateLimitedLogger : public ILogger {
@@ -32,14 +32,15 @@ public:
 
 private:
     using Clock = std::chrono::steady_clock;
+    enum class Level { Debug, Info, Warn, Error };
     struct Kind {
         const char* format = nullptr;
         Clock::time_point begin{};
         unsigned int lines = 0;
+        Level level = Level::Debug;  ///< The highest of its lines.
     };
-    enum class Level { Debug, Info, Warn, Error };
 
-    bool passes(const char* format);
+    bool passes(Level level, const char* format);
     Kind& kindOf(const char* format);
     bool takeExpired(Clock::time_point now, Kind& expired);
     void tell(const Kind& kind);
