@@ -1,5 +1,6 @@
 // nipcctl serve: a service for tests and prototypes.
 #include <condition_variable>
+#include <csignal>
 #include <functional>
 #include <iostream>
 #include <map>
@@ -83,9 +84,10 @@ void answerLater(const Link& link, const std::string& name, const Answer& answer
     link.connector->registerAsyncRequestHandler(
         name, [answer, slots](const char* data, unsigned int length, const auto& respond, const std::string&) {
             slots->take();
-            std::thread([answer, slots, respond, payload = std::string(viewOf(data, length))] {
+            // Given back by the thread's end, and where the system has no thread to give.
+            const std::shared_ptr<CommandSlots> slot(slots.get(), [slots](CommandSlots* all) { all->release(); });
+            std::thread([answer, slot, respond, payload = std::string(viewOf(data, length))] {
                 respondWith(respond, answer(payload));
-                slots->release();
             }).detach();
         });
 }
@@ -167,6 +169,7 @@ void publishLines(nipcconnector::NIPCConnector& connector) {
 }
 
 Exit runServe(const ServeOptions& options) {
+    std::signal(SIGTTIN, SIG_IGN);  // In the background of a terminal there are no lines for it, and it serves on.
     const Link link = makeServer(options.service);
     const auto stopped = std::make_shared<bool>(false);
     onStopSignal([monitor = link.monitor, stopped] { monitor->change([&] { *stopped = true; }); });

@@ -49,7 +49,7 @@ Running& running() {
     return all;
 }
 
-/// Delivery threads block all signals, and this program ignores SIGPIPE: a command must not inherit either.
+/// Delivery threads block all signals, and this program ignores SIGPIPE and SIGTTIN: a command inherits none of that.
 pid_t spawnShell(const std::string& command, int input, int output) {
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
@@ -61,6 +61,7 @@ pid_t spawnShell(const std::string& command, int input, int output) {
     sigemptyset(&signals);
     posix_spawnattr_setsigmask(&attributes, &signals);
     sigaddset(&signals, SIGPIPE);
+    sigaddset(&signals, SIGTTIN);
     posix_spawnattr_setsigdefault(&attributes, &signals);
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
 

@@ -158,6 +158,16 @@ class Calls(Case):
             self.assertEqual(3, process.wait(PATIENCE))
 
 
+    def test_serves_in_the_background_of_a_terminal(self):
+        shell, terminal = pty.fork()
+        if shell == 0:
+            os.execlp("bash", "bash", "-mc", '"$0" "$@" & wait', *NIPCCTL, "serve", "-u", "7", "--reply", "hi=there")
+        self.addCleanup(os.waitpid, shell, 0)
+        self.addCleanup(os.close, terminal)  # Ends them if they are still there.
+        self.check(run("call", "-u", "7", "hi", "--wait"), 0, b"there")
+        os.kill(json.loads(run("list", "--json").stdout)[0]["pid"], signal.SIGTERM)
+
+
 class Events(Case):
     def publish(self, service, lines):
         service.stdin.write(lines)
