@@ -4,6 +4,7 @@
 //
 // Ends with a table, and with a failure when the service or the client had to pay for it.
 #include <malloc.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -29,9 +30,20 @@ namespace {
 constexpr std::uint16_t kService = 41301;
 constexpr std::uint16_t kHostileService = 41302;
 constexpr auto kSlice = 250ms;
+constexpr unsigned kLong = 100000;
 
 std::shared_ptr<Connector> make(bool isClient) {
     return Connector::getInstance(isClient, isClient ? "client" : "service", {"service", kService}, nullptr, nullptr);
+}
+
+/// What was allocated and not freed: the allocator keeps some of the rest for each thread, and what that is, is chance.
+std::string bytesInUse() {
+#if defined(__GLIBC__) && __GLIBC_PREREQ(2, 33)
+    const struct mallinfo2 info = mallinfo2();
+    return std::to_string(info.uordblks + info.hblkhd);
+#else
+    return "0";
+#endif
 }
 
 int service(const std::vector<std::string>&) {
@@ -42,10 +54,7 @@ int service(const std::vector<std::string>&) {
         "note", [](auto, auto, auto respond, auto&) { respond(true, std::string(8000, 'n').c_str(), 8000U); });
     connector->initialize();
     say("ready");
-    while (!hearParent().empty()) {
-        malloc_trim(0);  // What the allocator keeps for later is not held.
-        say("trimmed");
-    }
+    while (!hearParent().empty()) say(bytesInUse());
     return 0;
 }
 
@@ -95,28 +104,30 @@ int wellBehaved(const std::vector<std::string>&) {
 int victim(const std::vector<std::string>&) {
     for (std::string times = hearParent(); !times.empty(); times = hearParent()) {
         sufferSessions(kHostileService, static_cast<unsigned>(std::stoul(times)));
-        malloc_trim(0);
-        say("done");
+        say(bytesInUse());
     }
     return 0;
 }
 
-/// What a process has of the system.
+/// What a process has of the system, by its own account of memory.
 struct Holdings {
-    explicit Holdings(const Process& process)
+    Holdings(const Process& process, const std::string& bytes)
         : descriptors(descriptorCount(process.pid())), tasks(taskCount(process.pid())) {
+        std::istringstream(bytes) >> allocated;
         std::ifstream("/proc/" + std::to_string(process.pid()) + "/statm") >> pages >> pages;
     }
-    /// A few payloads apart, which the allocator did not give back.
     bool within(const Holdings& before) const {
-        const std::size_t allowed = (std::size_t{8} << 20U) / static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
-        return descriptors <= before.descriptors && tasks <= before.tasks && pages <= before.pages + allowed;
+        constexpr std::size_t kept = 128U << 10U, cached = 48U << 20U;  // The latter by the allocator.
+        const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+        return descriptors <= before.descriptors && tasks <= before.tasks && allocated <= before.allocated + kept &&
+               pages * page <= before.pages * page + cached;
     }
     std::string text() const {
         return std::to_string(descriptors) + " descriptors, " + std::to_string(tasks) + " threads, " +
-               std::to_string(pages * static_cast<std::size_t>(sysconf(_SC_PAGESIZE)) / 1024) + " KiB";
+               std::to_string(allocated / 1024) + " KiB allocated, " +
+               std::to_string(pages * static_cast<std::size_t>(sysconf(_SC_PAGESIZE)) / 1024) + " KiB resident";
     }
-    std::size_t descriptors, tasks, pages = 0;
+    std::size_t descriptors, tasks, pages = 0, allocated = 0;
 };
 
 class Run {
@@ -144,7 +155,8 @@ private:
     }
     void show(const Phase& phase);
     void check(bool holds, const std::string& what);
-    void settle(const char* who, const Process& process, const Holdings& before);
+    static Holdings holdings(Process& process, const char* order);
+    void settle(const char* who, Process& process, const char* order, const Holdings& before);
     void attackService();
     void attackClient();
 
@@ -190,15 +202,18 @@ void Run::show(const Phase& phase) {
     check(phase.failures == 0 && percentile(phase.medians, 0.5) > 0, "calls of the well-behaved client fail");
 }
 
-void Run::settle(const char* who, const Process& process, const Holdings& before) {
+Holdings Run::holdings(Process& process, const char* order) {
+    process.send(order);
+    return {process, process.hear()};
+}
+
+void Run::settle(const char* who, Process& process, const char* order, const Holdings& before) {
     const auto deadline = Clock::now() + kPatience;
-    const auto trim = [this] {
-        service_.send("trim");
-        return service_.hear() == "trimmed";
-    };
-    while (trim() && !Holdings(process).within(before) && Clock::now() < deadline) std::this_thread::sleep_for(20ms);
-    const Holdings after(process);
-    std::printf("%-28s before: %s; after: %s\n", who, before.text().c_str(), after.text().c_str());
+    Holdings after = holdings(process, order);
+    for (; !after.within(before) && Clock::now() < deadline; after = holdings(process, order)) {
+        std::this_thread::sleep_for(20ms);
+    }
+    std::printf("%-28s before: %s\n%-28s after:  %s\n", who, before.text().c_str(), "", after.text().c_str());
     check(after.within(before), std::string(who) + " did not give back what it took");
 }
 
@@ -207,10 +222,10 @@ void Run::attackClient() {
     const auto attack = [this](unsigned times) {
         victim_.send(std::to_string(times));
         while (times > 0 && hostile_.session()) --times;
-        return times == 0 && victim_.hear() == "done";
+        return times == 0 && !victim_.hear().empty();
     };
     bool alive = attack(1000);
-    const Holdings before(victim_);
+    const Holdings before = holdings(victim_, "0");
     const auto start = Clock::now();
     for (unsigned left = sessions_ / 10; left > 0 && alive; left -= std::min(left, 1000U)) {
         alive = attack(std::min(left, 1000U));
@@ -218,19 +233,18 @@ void Run::attackClient() {
     check(alive, "the client of a hostile service hangs");
     const std::chrono::duration<double> taken = Clock::now() - start;
     std::printf("%-28s %9u %9.0f/s\n", "hostile service", sessions_ / 10, sessions_ / 10 / taken.count());
-    settle("client of a hostile service", victim_, before);
+    settle("client of a hostile service", victim_, "0", before);
 }
 
 // In rounds, so that what else the machine does meets all of them alike.
 void Run::attackService() {
     const auto hostile = [this] { client_.session(); };
+    setpriority(PRIO_PROCESS, 0, 19);  // What they cost the service is measured, not the want of processors.
     during(warming_, std::max(1000U, sessions_ / 20), hostile);  // What is allocated once, is by now.
     client_.letGo();
     client_.counts.clear();
     quiet();
-    service_.send("trim");
-    check(service_.hear() == "trimmed", "the service is gone");
-    const Holdings usual(service_);
+    const Holdings usual = holdings(service_, "account");
     constexpr unsigned rounds = 10;
     for (unsigned round = 0; round < rounds; ++round) {
         quiet();
@@ -240,8 +254,9 @@ void Run::attackService() {
     }
     std::printf("%-28s %9s %11s %11s %11s\n", "beside the calls", "sessions", "", "p50", "p99");
     for (const Phase* phase : {&warming_, &quiet_, &ordinary_, &beside_}) show(*phase);
-    // A slice of the scheduler's may come on top: there are more busy threads than processors.
-    check(percentile(beside_.tails, 0.5) <= 2 * percentile(ordinary_.tails, 0.5) + 3000,
+    // Short runs are for machines that do other things as well.
+    const double slack = sessions_ < kLong ? 1e5 : 500;
+    check(percentile(beside_.tails, 0.5) <= 2 * percentile(ordinary_.tails, 0.5) + slack,
           "hostile sessions cost others more than twice what ordinary ones do");
     std::printf("%-28s %9zu connections\n", "as many as descriptors", client_.exhaustDescriptors());
     const double before = percentile(quiet_.tails, 0.5);
@@ -249,13 +264,13 @@ void Run::attackService() {
     quiet();
     show(quiet_);
     client_.letGo();
-    settle("service", service_, usual);
+    settle("service", service_, "account", usual);
     for (int i = 0; i < 40 && (i == 0 || percentile(quiet_.tails, 0.5) > 2 * before); ++i) {
         quiet_ = Phase{"nothing, afterwards"};
         quiet();
     }
     show(quiet_);
-    check(percentile(quiet_.tails, 0.5) <= 2 * before, "calls take longer than before");
+    check(percentile(quiet_.tails, 0.5) <= 2 * before + slack, "calls take longer than before");
 }
 
 bool Run::run() {

@@ -75,8 +75,8 @@ int sharing(const std::vector<std::string>& arguments) {
         fstat(region, &status);
         say(known.insert(status.st_ino).second ? "fresh" : "again");
         if (hearParent().empty() || client.share(0, region, {7, kRequest, 0}) != 0) return 1;
-        close(region);
         client.next(SERVER_FD_PROCESSING_COMPLETED_ID);
+        close(region);  // Not before, as the service may get its descriptor of the region under the same number.
     }
 }
 
