@@ -147,7 +147,7 @@ def call_sites(program, functions):
 
 def unknown_functions(program, functions):
     directory = re.sub(r"/[^/]*$", "/CMakeFiles/nipc_faults.dir", program)
-    objects = output("find", directory, "-path", "*/platform/linux/*.o", "-o", "-path", "*/src/transfer/*.o").split()
+    objects = output("find", directory, "-path", "*/platform/linux/*.o", "-o", "-path", "*/src/transfer/*.o").splitlines()
     symbols = {line.split()[-1] for line in output("nm", "-u", *objects).splitlines() if " U " in line}
     known = set(functions) | set(HARMLESS)
     return sorted(s for s in symbols if not re.match(r"_Z|__cxa_|__[atu]san_|__ubsan_|nexNipc_", s) and s not in known)
