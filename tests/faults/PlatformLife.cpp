@@ -41,12 +41,14 @@ public:
     void disconnect() {
         call([&] { return nexNipc_disconnect(&handle); });
     }
+    // 1 when the service said that it failed, 3 when the answer is another's or damaged.
     nex_status_t sync(std::uint32_t size) {
         const std::string request(size, 'r');
         std::string response(size, '\0');
         SyncRpcRecord record{kRequest, 0, request.data(), size, response.data(), size, 1};
         const nex_status_t status = call([&] { return nexNipc_rpcSync(handle, &record); });
-        return status != 0 || (record.status == 0 && response == request) ? status : 1;
+        if (status != 0 || record.status != 0) return status != 0 ? status : 1;
+        return record.responseLength == size && response == request ? 0 : 3;
     }
     nex_status_t request(std::uint16_t id, std::uint32_t size) {
         const std::string data(size, 'r');
