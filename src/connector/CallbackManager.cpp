@@ -69,9 +69,9 @@ FunctionId CallbackManager::getFunctionId(const std::string& name) {
     if (known != functionIds.end()) return known->second;
 
     const FunctionId id = computeFunctionId(name);
-    functionIds.emplace(name, id);
     std::string& smallest = namesById.emplace(id, name).first->second;
     if (name < smallest) smallest = name;
+    functionIds.emplace(name, id);  // Last: a name that is known here is not looked at again.
     return id;
 }
 

@@ -33,6 +33,20 @@ TEST(Names, StayClearOfTheReservedIdentifiersAndResolveToTheSmallest) {
     EXPECT_EQ(manager.getRequestName(1000), "");
 }
 
+TEST(Names, AreKnownBothWaysOnceThereIsMemory) {
+    nipcconnector::CallbackManager manager;
+    const std::string name(40, 'n');
+    for (int allocation = 1; allocation < 9; ++allocation) {
+        failNew(allocation);
+        try {
+            manager.getFunctionId(name);
+        } catch (const std::bad_alloc&) {
+        }
+    }
+    failNew(0);
+    EXPECT_EQ(manager.getRequestName(manager.getFunctionId(name)), name);
+}
+
 TEST_F(ConnectorTest, OptionalOperationsOfTheContractHaveAnAnswer) {
     const Subject client = make(Role::Client);
     EXPECT_TRUE(client->GenericConnector::initialize());
