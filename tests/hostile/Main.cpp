@@ -117,7 +117,12 @@ struct Holdings {
         std::ifstream("/proc/" + std::to_string(process.pid()) + "/statm") >> pages >> pages;
     }
     bool within(const Holdings& before) const {
-        constexpr std::size_t kept = 128U << 10U, cached = 48U << 20U;  // The latter by the allocator.
+#ifdef __SANITIZE_ADDRESS__
+        constexpr std::size_t cached = 1U << 30U;  // It keeps what is freed, to notice who uses it.
+#else
+        constexpr std::size_t cached = 48U << 20U;  // By the allocator.
+#endif
+        constexpr std::size_t kept = 128U << 10U;
         const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
         return descriptors <= before.descriptors && tasks <= before.tasks && allocated <= before.allocated + kept &&
                pages * page <= before.pages * page + cached;
