@@ -26,6 +26,13 @@ void PacketBatch::discard() {
     offset_ = 0;
 }
 
+bool PacketBatch::hasDescriptors() const {
+    for (unsigned i = current_; i < received_; ++i) {
+        if (arrivals_[i].descriptor.valid()) return true;
+    }
+    return frame_.descriptor.valid();
+}
+
 void PacketBatch::prepare(unsigned index) {
     msghdr& message = messages_[index].msg_hdr;
     message = msghdr{};

@@ -31,6 +31,8 @@ public:
     Packet* next();
     // Whether next() has at least another packet or frame to look at.
     bool more() const { return status_ == 0 && current_ < received_; }
+    // Whether it holds descriptors that nobody has taken.
+    bool hasDescriptors() const;
     // 0: all frames were good; -ECONNRESET: the end came after them; -EPROTO: a bad one; or of receive().
     int status() const { return status_; }
     // Closes the descriptors that nobody took.

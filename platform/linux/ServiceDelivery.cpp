@@ -69,13 +69,14 @@ void ServiceDelivery::serveEvents(int count) {
 // Who asked last is likely to ask next: its socket is read directly, the others are looked at now and then.
 bool ServiceDelivery::lookAgain() {
     const auto found = active_.find(latest_);
-    if (found == active_.end() || !found->second->apart || found->second->holdReading()) return false;
+    if (found == active_.end() || !found->second->apart) return false;
     const SessionPtr session = found->second;
+    if (session->unserved || session->holdReading()) return false;
     int status = 0;
     int others = 0;
     const auto look = [&] {
         others = ++looks_ % kLooksBetween == 0 ? poll(0) : 0;
-        if (others == 0) status = batch_.receive(session->main, Wait::No);
+        if (others == 0) status = batch_->receive(session->main, Wait::No);
         return others != 0 || status != -EAGAIN;
     };
     if (!spin_.finds(look)) return false;
@@ -83,7 +84,7 @@ bool ServiceDelivery::lookAgain() {
         serveEvents(others);
     } else {
         const bool good = attempt([&] { return !session->closed && handleAll(*session); });
-        batch_.discard();
+        batch_->discard();
         if (!good) leave(session);
     }
     return true;
@@ -117,7 +118,9 @@ void ServiceDelivery::takeInbox() {
     for (const SessionPtr& session : arrived) arrive(session);
     for (const std::uint16_t id : resumed) {
         const auto found = active_.find(id);
-        if (found != active_.end()) watch(*found->second, EPOLL_CTL_MOD, EPOLLIN);
+        if (found == active_.end()) continue;
+        watch(*found->second, EPOLL_CTL_MOD, EPOLLIN);
+        if (found->second->unserved) serve(id, 0);
     }
 }
 
@@ -140,7 +143,7 @@ void ServiceDelivery::serve(std::uint16_t clientId, std::uint32_t events) {
     if (found == active_.end()) return;
     SessionPtr session = found->second;
     const bool good = attempt([&] { return !session->closed && readTurn(*session, events); });
-    batch_.discard();
+    batch_->discard();
     if (!good) leave(std::move(session));
 }
 
@@ -148,18 +151,34 @@ bool ServiceDelivery::readTurn(Session& session, std::uint32_t events) {
     // A client that is gone takes nothing from its queue any more; what it sent is read to the end.
     const bool gone = (events & (EPOLLHUP | EPOLLERR)) != 0;
     if (session.holdReading() && !gone) return watch(session, EPOLL_CTL_MOD, 0);
-    batch_.receive(session.main, Wait::No);
+    if (session.unserved) {
+        batch_.swap(session.unserved);
+        const bool good = handleAll(session);
+        if (session.unserved && !session.unserved->more()) session.unserved.reset();
+        return good;
+    }
+    batch_->receive(session.main, Wait::No);
     return handleAll(session);
 }
 
 bool ServiceDelivery::handleAll(Session& session) {
     GatherScope scope(session);
-    while (Packet* const packet = batch_.next()) {
+    while (Packet* const packet = batch_->next()) {
         if (service_.stopped_) return true;
-        scope.setMore(batch_.more());
+        scope.setMore(batch_->more());
         if (session.closed || !handle(session, *packet)) return false;
+        if (batch_->more() && session.holdReading() && putAside(session)) return true;
     }
-    return batch_.status() == 0 || batch_.status() == -EAGAIN;
+    return batch_->status() == 0 || batch_->status() == -EAGAIN;
+}
+
+// One packet may hold so many requests that their answers would not all find room. Not with descriptors: this process
+// has too few of them to keep those of clients that do not read.
+bool ServiceDelivery::putAside(Session& session) {
+    if (batch_->hasDescriptors()) return false;
+    if (!session.unserved) session.unserved = std::make_unique<PacketBatch>();
+    batch_.swap(session.unserved);
+    return true;
 }
 
 bool ServiceDelivery::watch(const Session& session, int operation, std::uint32_t events) const {

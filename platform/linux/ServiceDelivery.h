@@ -34,6 +34,7 @@ private:
     void serve(std::uint16_t clientId, std::uint32_t events);
     bool readTurn(Session& session, std::uint32_t events);
     bool handleAll(Session& session);
+    bool putAside(Session& session);
     bool handle(Session& session, Packet& packet);
     bool handleAsync(Session& session, Packet& packet);
     bool handleShare(Session& session, Packet& packet);
@@ -45,7 +46,7 @@ private:
 
     const std::shared_ptr<Service> pinned_;
     Service& service_;
-    PacketBatch batch_;
+    std::unique_ptr<PacketBatch> batch_ = std::make_unique<PacketBatch>();
     std::array<epoll_event, 16> events_{};
     Spin spin_;
     std::uint16_t latest_ = 0;  // the client that was served last, when it was the only one

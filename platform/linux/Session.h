@@ -47,7 +47,8 @@ public:
     const PacketSocket main;
     SyncSlots slots;
     AckSequence acks;
-    unsigned channels = 0;  // the service's to count
+    unsigned channels = 0;                  // the service's to count
+    std::unique_ptr<PacketBatch> unserved;  // delivery thread: what was read before its requests had to wait
     std::atomic<bool> closed{false};
 
 private:

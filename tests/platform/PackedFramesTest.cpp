@@ -1,6 +1,8 @@
 // Packets of several frames: what must not be in them, and that putting frames together costs neither order nor time.
 #include <fcntl.h>
 
+#include <atomic>
+#include <cerrno>
 #include <cstring>
 #include <thread>
 #include <tuple>
@@ -135,6 +137,36 @@ TEST_F(PackedFramesTest, AServiceHoldsBackNothing) {
     EXPECT_EQ(payloads(peer.main, 4), kBeforeTheWait);
     seen.set();
     EXPECT_EQ(payloads(peer.main, 2), kAfterTheWait);
+}
+
+TEST_F(PackedFramesTest, AnswersToOnePacketDoNotOutgrowTheirQueue) {
+    constexpr unsigned kCount = 300;  // Together more than twice what is queued for one client.
+    std::atomic<unsigned> lost{0};
+    Endpoint service([&](Endpoint& self, const Message& message, nexNipc_parameter_t& parameter) {
+        if (message.type == SYNC_FUNCTION) echo(parameter);
+        if (message.type != ASYNC_FUNCTION) return;
+        const std::string text = message.data + std::string(16000, '.');
+        if (self.callback(message.peer, ASYNC_RESPONSE_SUCCESS_ID, text, contextOf(1)) == -ENOBUFS) ++lost;
+    });
+    Endpoint other;
+    ASSERT_EQ(service.start(kUuid), 0);
+    ASSERT_EQ(other.connect(kUuid), 0);
+    std::string packet;
+    for (unsigned i = 0; i < kCount; ++i) packet = padded(packet) + request(std::to_string(i));
+    for (const bool reads : {true, false}) {
+        RawClient peer = letIn(path_, kUuid);
+        EXPECT_TRUE(peer.main.send(packet));
+        while (service.count(kRequest) == 0) other.call(kEvent, "");
+        EXPECT_EQ(other.call(kEvent, "still served").response, "still served");
+        if (reads) {
+            const std::vector<std::string> answers = payloads(peer.main, kCount);
+            ASSERT_EQ(answers.size(), kCount);
+            for (unsigned i = 0; i < kCount; ++i) EXPECT_EQ(answers[i].find(std::to_string(i) + "."), 0U);
+        }
+        peer = RawClient();
+        for (unsigned i = 0; i < kCount; ++i) EXPECT_EQ(service.next(kRequest).data, std::to_string(i));
+    }
+    EXPECT_EQ(lost, 0U);
 }
 
 TEST_F(PackedFramesTest, AClientHoldsBackNothing) {
