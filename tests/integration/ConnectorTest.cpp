@@ -6,7 +6,7 @@
 #include <set>
 #include <thread>
 
-#include "Node.h"
+#include "TestServer.h"
 
 using namespace nipctest;
 using smarthome::RequestStatus;
@@ -51,16 +51,16 @@ protected:
 
     void SetUp() override {
         ASSERT_EQ(process.hear(), "up");
-        ASSERT_EQ(process.hear(), "up");
         self = connected(uuid);
     }
 
-    static Node connected(std::uint16_t number) {
+    static std::shared_ptr<Connector> connected(std::uint16_t number) {
         static int count = 0;
-        Node node = client(number, "client" + std::to_string(++count));
-        EXPECT_TRUE(node.connector->initialize());
-        EXPECT_TRUE(isServed(*node.connector));
-        return node;
+        auto client =
+            Connector::getInstance(true, "client" + std::to_string(++count), {"server", number}, nullptr, nullptr);
+        EXPECT_TRUE(client->initialize());
+        EXPECT_TRUE(isServed(*client));
+        return client;
     }
 
     // Asks until it is answered: nothing tells for certain that the next request will be.
@@ -74,8 +74,8 @@ protected:
     }
 
     RequestStatus request(const std::string& name, const std::string& payload) const {
-        return self.connector->makeAsyncRequest("", name, payload.data(), static_cast<unsigned int>(payload.size()),
-                                                answersTo(inbox));
+        return self->makeAsyncRequest("", name, payload.data(), static_cast<unsigned int>(payload.size()),
+                                      answersTo(inbox));
     }
     static std::string call(Connector& connector, const std::string& name, const std::string& payload) {
         const auto result =
@@ -83,20 +83,17 @@ protected:
         if (result.status != RequestStatus::Success) return "failed";
         return {result.response.begin(), result.response.end()};
     }
-    std::string call(const std::string& name, const std::string& payload) const {
-        return call(*self.connector, name, payload);
-    }
+    std::string call(const std::string& name, const std::string& payload) const { return call(*self, name, payload); }
 
     static inline std::uint16_t nextUuid = 42201;  // Connectors outlive their tests.
     const std::uint16_t uuid = nextUuid++;
-    const std::uint16_t otherUuid = nextUuid++;
-    Process process{{"server", std::to_string(uuid), std::to_string(otherUuid)}};
-    Node self;
+    Process process{{"server", std::to_string(uuid)}};
+    std::shared_ptr<Connector> self;
     const std::shared_ptr<Inbox> inbox = std::make_shared<Inbox>();
 };
 
 TEST_F(ConnectorTest, PayloadsArriveWholeInBothDirectionsUpToFiveMiB) {
-    ASSERT_TRUE(self.connector->subscribeForEvent("", "news", eventsTo(inbox)));
+    ASSERT_TRUE(self->subscribeForEvent("", "news", eventsTo(inbox)));
     for (const std::size_t size : {std::size_t{1}, std::size_t{16383}, std::size_t{16384}, std::size_t{16385},
                                    std::size_t{5242880}, std::size_t{5242881}}) {
         SCOPED_TRACE(size);
@@ -125,25 +122,17 @@ TEST_F(ConnectorTest, ASynchronousRequestMayBeLongAndItsAnswerHoldsOnePacket) {
     EXPECT_EQ(call("make", "0"), "failed");
     EXPECT_EQ(call("nobody's", "x"), "failed");
     EXPECT_EQ(call("echo", std::string("a\0b\0", 4)), std::string("a\0b\0", 4));
-}
-
-TEST_F(ConnectorTest, ANullPayloadIsEmptyOrRefused) {
-    Connector& connector = *self.connector;
-    const auto callback = answersTo(inbox);
-    EXPECT_EQ(connector.makeAsyncRequest("", "digest", nullptr, 0, callback), RequestStatus::Success);
-    EXPECT_EQ(inbox->next(), "+" + digest("", 0));
-    EXPECT_EQ(connector.makeSyncRequest("", "digest", nullptr, 0).status, RequestStatus::Success);
-    for (const unsigned int length : {10U, 20000U}) {
-        EXPECT_EQ(connector.makeAsyncRequest("", "digest", nullptr, length, callback), RequestStatus::Failure);
-        EXPECT_EQ(connector.makeSyncRequest("", "digest", nullptr, length).status, RequestStatus::Failure);
+    for (const unsigned int length : {0U, 10U, 20000U}) {  // A null payload is empty, or refused.
+        const auto expected = length == 0 ? RequestStatus::Success : RequestStatus::Failure;
+        EXPECT_EQ(self->makeSyncRequest("", "digest", nullptr, length).status, expected);
+        EXPECT_EQ(self->makeAsyncRequest("", "digest", nullptr, length, answersTo(inbox)), expected);
     }
-    EXPECT_EQ(request("digest", "x"), RequestStatus::Success);
-    EXPECT_EQ(inbox->next(), "+" + digest("x", 1));
+    EXPECT_EQ(inbox->next(), "+" + digest("", 0));
 }
 
 TEST_F(ConnectorTest, ConcurrentRequestsOfTwoClientsAreToldApart) {
     constexpr std::size_t kEach = 100;
-    const Node other = connected(uuid);
+    const auto other = connected(uuid);
     const auto otherInbox = std::make_shared<Inbox>();
     const auto ask = [](Connector& connector, const std::shared_ptr<Inbox>& to) {
         for (std::size_t i = 0; i < kEach; ++i) {
@@ -151,8 +140,8 @@ TEST_F(ConnectorTest, ConcurrentRequestsOfTwoClientsAreToldApart) {
             EXPECT_EQ(call(connector, "echo", std::to_string(i)), std::to_string(i));
         }
     };
-    std::thread second([&] { ask(*other.connector, otherInbox); });
-    ask(*self.connector, inbox);
+    std::thread second([&] { ask(*other, otherInbox); });
+    ask(*self, inbox);
     second.join();
     std::set<std::string> ids;
     for (std::size_t i = 0; i < kEach; ++i) ids.insert({inbox->next(), otherInbox->next()});
@@ -162,67 +151,13 @@ TEST_F(ConnectorTest, ConcurrentRequestsOfTwoClientsAreToldApart) {
 
 TEST_F(ConnectorTest, ACallbackMayMakeRequests) {
     const std::string large = pattern(100000);
-    self.connector->makeAsyncRequest("", "digest", "x", 1, [this, large](bool, auto, auto) {
+    self->makeAsyncRequest("", "digest", "x", 1, [this, large](bool, auto, auto) {
         const std::string answer = call("echo", "from inside");
         inbox->add("", answer.data(), static_cast<unsigned int>(answer.size()));
         request("digest", large);
     });
     EXPECT_EQ(inbox->next(), "from inside");
     EXPECT_EQ(inbox->next(), "+" + digest(large.data(), large.size()));
-}
-
-TEST_F(ConnectorTest, AnAnswerMayComeLaterAndTheFirstCounts) {
-    EXPECT_EQ(request("later and twice", ""), RequestStatus::Success);
-    const std::string answer = inbox->next();
-    EXPECT_EQ(answer, "+first");
-    EXPECT_TRUE(self.journal->waitFor("Callback not found with id 2, functionId 1002"));
-    EXPECT_EQ(request("fail", ""), RequestStatus::Success);
-    EXPECT_EQ(inbox->next(), "-no");
-    self.connector->setRecurringCallback(answersTo(inbox));
-    for (const char* name : {"digest", "digest", "fail"}) {
-        EXPECT_EQ(self.connector->makeAsyncRequestWithRecurringCallback("", name, "x", 1), RequestStatus::Success);
-    }
-    for (const std::string& expected : {"+" + digest("x", 1), "+" + digest("x", 1), std::string("-no")}) {
-        EXPECT_EQ(inbox->next(), expected);
-    }
-}
-
-TEST_F(ConnectorTest, AHandlerThatThrowsEndsNothingButItsRequest) {
-    EXPECT_EQ(call("throw", ""), "failed");
-    EXPECT_EQ(request("throw", ""), RequestStatus::Success);
-    self.connector->makeAsyncRequest("", "digest", "", 0, [](bool, auto, auto) { throw std::runtime_error("here"); });
-    EXPECT_EQ(request("digest", ""), RequestStatus::Success);
-    EXPECT_EQ(inbox->next(), "+" + digest("", 0));
-    EXPECT_EQ(call("await log", "Failed to find sync handler for request type throw"), "logged");
-    EXPECT_EQ(call("await log", "Failed to handle async request"), "logged");
-}
-
-TEST_F(ConnectorTest, TwoServersInOneProcessShareTheSetOfClientsButNotTheirEvents) {
-    const Node other = connected(otherUuid);
-    const auto otherInbox = std::make_shared<Inbox>();
-    self.connector->subscribeForEvent("", "news", eventsTo(inbox));
-    other.connector->subscribeForEvent("", "news", eventsTo(otherInbox));
-    EXPECT_EQ(call(*other.connector, "echo", "x"), "x");
-    EXPECT_EQ(request("publish", "100"), RequestStatus::Success);
-    EXPECT_EQ(inbox->next(), pattern(100));
-    EXPECT_EQ(call("await log",
-                   "EventSendFailure FailureReason=\"NipcCallbackFailedWithStatus-107\" "
-                   "RequestType=\"Event\" PayloadSize=100"),
-              "logged");
-    other.connector->makeAsyncRequest("", "publish", "200", 3, answersTo(otherInbox));
-    EXPECT_EQ(otherInbox->next(), pattern(200));
-}
-
-TEST_F(ConnectorTest, AKilledServerIsNoticedAndItsSuccessorServes) {
-    process.kill();
-    ASSERT_TRUE(self.journal->waitFor("NEX_NIPC_EVENT_SERVER_DOWN"));
-    EXPECT_EQ(call("echo", "x"), "failed");
-    EXPECT_EQ(request("digest", "x"), RequestStatus::Failure);
-    Process successor{{"server", std::to_string(uuid)}};
-    ASSERT_EQ(successor.hear(), "up");
-    ASSERT_TRUE(isServed(*self.connector));
-    EXPECT_EQ(request("digest", pattern(50000)), RequestStatus::Success);
-    EXPECT_EQ(inbox->next().substr(0, 6), "+50000");
 }
 
 int main(int argc, char** argv) {

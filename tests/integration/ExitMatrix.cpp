@@ -14,7 +14,7 @@
 #include <stdexcept>
 #include <thread>
 
-#include "Node.h"
+#include "TestServer.h"
 #include "connector/TimeSource.h"
 
 using namespace nipctest;

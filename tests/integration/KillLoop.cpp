@@ -14,7 +14,7 @@
 #include <thread>
 #include <utility>
 
-#include "Node.h"
+#include "TestServer.h"
 
 using namespace nipctest;
 using namespace std::chrono_literals;
@@ -29,18 +29,6 @@ std::int64_t nanoseconds() {
     clock_gettime(CLOCK_MONOTONIC, &now);
     return std::int64_t{now.tv_sec} * 1000000000 + now.tv_nsec;
 }
-
-/// Only tells that the service has started.
-class StartLogger : public nipcconnector::ILogger {
-public:
-    void info(const char*, ...) override {}
-    void debug(const char* format, ...) override {
-        if (std::string(format) == "Initializing IPC server..done") started = true;
-    }
-    void error(const char*, ...) override {}
-    void warn(const char*, ...) override {}
-    static inline std::atomic<bool> started{false};
-};
 
 // Answers with its process id; says when it was up.
 int server(const std::vector<std::string>&) {
