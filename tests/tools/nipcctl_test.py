@@ -224,7 +224,7 @@ class Names(Case):
     @unittest.skipIf(os.environ.get("EMULATOR"), "builds with the host's tools")
     def test_builds_check_their_lists(self):
         self.path("CMakeLists.txt", b"cmake_minimum_required(VERSION 3.22)\nproject(names NONE)\n"
-                  b"include(%s/cmake/NipcCheckNames.cmake)\nnipc_check_names(good more)\n" % ROOT.encode())
+                  b"include(\"%s/cmake/NipcCheckNames.cmake\")\nnipc_check_names(good more)\n" % ROOT.encode())
         self.path("good", b"a\nb\n")
         cmake = [os.environ["CMAKE"], "-S", self.directory, "-B", self.path("build"), "-DNIPCCTL_PROGRAM=" + NIPCCTL[-1]]
         for more, fails in [("c\n", False), ("c\n\n", True)]:
