@@ -136,7 +136,9 @@ TEST_F(HostilePeerTest, AServiceThatBreaksTheRulesIsReportedDown) {
     EXPECT_NE(greet(listener, refused, "", {null_}).first, 0);
     EXPECT_NE(greet(listener, refused, welcomePacket(welcome), {null_}).first, 0);
     EXPECT_EQ(refused.count(NEX_NIPC_EVENT_CONNECTION_DONE), 0U);
+#ifndef NIPC_TEST_EMULATOR  // It keeps what comes beside the one descriptor that is taken in.
     EXPECT_TRUE(eventually([&] { return descriptorCount(getpid()) <= descriptors; }));
+#endif
     for (const Violation& v : kToClient) {
         SCOPED_TRACE(v.name);
         auto [ours, theirs] = RawPeer::pair();
