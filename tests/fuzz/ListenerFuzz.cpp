@@ -24,30 +24,17 @@ namespace {
 // Every line is put together, and nothing kept.
 class Scribbler : public nipcconnector::ILogger {
 public:
-    void info(const char* format, ...) override {
-        va_list arguments;
-        va_start(arguments, format);
-        scribble(format, arguments);
-        va_end(arguments);
+#define LOG(level)                                 \
+    void level(const char* format, ...) override { \
+        va_list arguments;                         \
+        va_start(arguments, format);               \
+        scribble(format, arguments);               \
+        va_end(arguments);                         \
     }
-    void debug(const char* format, ...) override {
-        va_list arguments;
-        va_start(arguments, format);
-        scribble(format, arguments);
-        va_end(arguments);
-    }
-    void error(const char* format, ...) override {
-        va_list arguments;
-        va_start(arguments, format);
-        scribble(format, arguments);
-        va_end(arguments);
-    }
-    void warn(const char* format, ...) override {
-        va_list arguments;
-        va_start(arguments, format);
-        scribble(format, arguments);
-        va_end(arguments);
-    }
+    LOG(info)
+    LOG(debug)
+    LOG(error)
+    LOG(warn)
 
 private:
     static void scribble(const char* format, va_list arguments) {

@@ -31,7 +31,6 @@ struct ConnectorTestAccess {
     static auto& nextCallbackId(Manager& manager) {
         return manager.nextCallbackId;
     }
-    static void recordMetric(C& c, const smarthome::TalvoraDimension& own) { c.recordMetric("", {own}); }
     static bool deinitClient(C& c) { return c.deinitClient(); }
     static int clientListener(nexNipc_parameter_t* parameter) { return C::clientListener(parameter); }
     static bool processFd(C& c, nexNipc_parameter_t* parameter) { return c.processFd(parameter); }

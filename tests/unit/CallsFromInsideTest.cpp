@@ -1,5 +1,3 @@
-#include <future>
-
 #include "ConnectorTest.h"
 
 namespace nipctest {
@@ -151,17 +149,6 @@ TEST_F(CallsFromInside, MayReplaceAndRemoveTheOneThatRuns) {
             EXPECT_EQ(second, replaces ? 1 : 0);
         }
     }
-}
-
-TEST_F(CallsFromInside, AResponseCallbackMayAskAgain) {
-    const Subject client = connectedClient();
-    int answers = 0;
-    Code askAgain = [&] {
-        if (++answers < 3) kinds().back().store(*client, askAgain);
-    };
-    kinds().back().store(*client, askAgain);
-    for (int delivered = 0; delivered < 4; ++delivered) kinds().back().call(platform);
-    EXPECT_EQ(answers, 3);
 }
 
 }  // namespace

@@ -39,16 +39,6 @@ TEST_F(Metrics, TheReportNarrowsItsDimensionsButNotItsLine) {
     }
 }
 
-TEST_F(Metrics, DimensionsOfTheCallerFollowTheCommonOnes) {
-    const Subject client = make(Role::Client);
-    smarthome::TalvoraDimension own;
-    own.name = "Counter";
-    own.valueType = smarthome::TalvoraDimensionType::Integer;
-    own.intValue = 5;
-    Access::recordMetric(*client, own);
-    client.expectJournal({metric(" Counter=5")});
-}
-
 TEST_F(Metrics, NeitherLoggerNorRecorderIsNeeded) {
     for (const bool logs : {false, true}) {
         for (const bool records : {false, true}) {

@@ -96,25 +96,8 @@ TEST_F(UserCode, ALoggerAndARecorderThatThrowDoNotStopTheWorker) {
     EXPECT_TRUE(Access::state(server).connected);
 }
 
-/// The end of the process, in a child.
-class ProcessEnd : public ConnectorTest {
-protected:
-    ProcessEnd() { GTEST_FLAG_SET(death_test_style, kDeathTestStyle); }
-
-    /// A server whose handler holds it, and calls it when it is destroyed.
-    Subject selfHoldingServer() {
-        const Subject server = startedServer();
-        const std::shared_ptr<void> farewell(nullptr,
-                                             [raw = server.connector.get()](void*) { raw->publishEvent("bye"); });
-        server->registerSyncRequestHandler("exit", [connector = server.connector, farewell](const char*, unsigned int) {
-            std::exit(connector->publishEvent("bye") ? 0 : 4);
-            return std::vector<char>();
-        });
-        return server;
-    }
-};
-
-TEST_F(ProcessEnd, LeavesNothingThatDoesAnything) {
+TEST_F(UserCode, AtTheEndOfTheProcessLeavesNothingThatDoesAnything) {
+    GTEST_FLAG_SET(death_test_style, kDeathTestStyle);
     const auto end = [this] {
         static auto& kept = *new std::vector<Subject>;
         static auto& respond = *new AsyncResponseCallback;
@@ -127,19 +110,17 @@ TEST_F(ProcessEnd, LeavesNothingThatDoesAnything) {
             respond(true, "late", 4);
             std::_Exit(silent && fake.calls(Operation::Callback).empty() ? 0 : 3);
         });
-        kept.push_back(selfHoldingServer());
+        NIPCConnector& server = *kept.emplace_back(startedServer());
+        const auto bye = [&server](void*) { server.publishEvent("bye"); };
+        // A handler that holds its connector, and calls it when it is destroyed.
+        server.registerSyncRequestHandler(
+            "hold", [held = kept[0].connector, farewell = std::shared_ptr<void>(nullptr, bye)](auto, auto) {
+                return std::vector<char>();
+            });
         kept[0]->registerAsyncRequestHandler("keep", [](auto, auto, auto responder, auto&) { respond = responder; });
         platform.deliverRequest(ASYNC_FUNCTION, computeFunctionId("keep"), "", 5, 9);
         kept.push_back(connectedClient());
         std::exit(respond ? 5 : 4);
-    };
-    EXPECT_EXIT(end(), ::testing::ExitedWithCode(0), "");
-}
-
-TEST_F(ProcessEnd, MayComeFromAHandlerThatHoldsItsConnector) {
-    const auto end = [this] {
-        selfHoldingServer();
-        std::thread([this] { platform.deliverRequest(SYNC_FUNCTION, computeFunctionId("exit"), "", 5); }).join();
     };
     EXPECT_EXIT(end(), ::testing::ExitedWithCode(0), "");
 }
