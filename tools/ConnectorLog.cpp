@@ -23,7 +23,7 @@ void attemptFailed(Monitor& monitor, std::va_list& arguments) {
     monitor.startFailure = va_arg(arguments, int);
 }
 
-constexpr std::array<Meaning, 8> meanings = {{
+constexpr std::array<Meaning, 9> meanings = {{
     // Not "Successfully connected to server", which may be told before a request can be sent.
     {"%s succeeded after %d retries",
      [](Monitor& monitor, std::va_list&) {
@@ -39,6 +39,8 @@ constexpr std::array<Meaning, 8> meanings = {{
     {"Initial NIPC server start failed (status: %d), starting async retry with 5-minute timeout",
      [](Monitor& monitor, std::va_list& arguments) { monitor.startFailure = va_arg(arguments, int); }},
     {"reason=RPCSyncFailed, status=%d",
+     [](Monitor& monitor, std::va_list& arguments) { monitor.transportFailure = va_arg(arguments, int); }},
+    {"Failed to send async request, status: %d",
      [](Monitor& monitor, std::va_list& arguments) { monitor.transportFailure = va_arg(arguments, int); }},
     {"reason=RPCSyncFailed, rpc_params.status=%d", [](Monitor& monitor, std::va_list&) { monitor.refused = true; }},
     {"Not connected to service, attempting to reconnect on request",

@@ -33,7 +33,7 @@ public:
     bool connected = false;
     unsigned losses = 0;
     std::optional<int> startFailure;      ///< status of the last attempt to connect, or to offer the service
-    std::optional<int> transportFailure;  ///< status of the last synchronous request that got no answer
+    std::optional<int> transportFailure;  ///< status of the last request that could not be carried
     bool refused = false;                 ///< the service answered the last synchronous request by refusing it
     bool notSent = false;                 ///< the last request found no connection
     std::string firstError;
