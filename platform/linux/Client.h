@@ -56,6 +56,7 @@ private:
     bool handleShare(Packet& packet);
 
     int acknowledge();
+    void urge(const Channel& channel, const FrameHeader& request) const;
     int exchange(Channel& channel, const FrameHeader& request, const void* payload, int descriptor,
                  SyncRpcRecord& record);
     int takeAnswer(const FrameHeader& answer, int inlineLength, const Fd& memory, SyncRpcRecord& record) const;

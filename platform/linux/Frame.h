@@ -28,6 +28,7 @@ enum class FrameType : std::uint16_t {
     OpenChannel = 9,     // control socket, to the service
     ChannelOpened = 10,  // control socket, to the client
     CloseChannel = 11,   // control socket, to the service
+    Urge = 12,           // control socket, to the service
 };
 
 struct FrameHeader {

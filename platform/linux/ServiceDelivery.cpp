@@ -247,6 +247,7 @@ bool ServiceDelivery::handleSync(Session& session, Packet& packet) {
     const bool descriptor = packet.hasDescriptor();
     if (hasOwnFrame(header.functionId) || packet.outOfLine() != descriptor) return false;
     if (!session.slots.wasOpened(static_cast<std::uint32_t>(header.status))) return false;
+    session.setServed(static_cast<std::uint32_t>(header.status), header.sequence);
     Call call;
     call.type = SYNC_FUNCTION;
     call.peerId = session.id;

@@ -3,6 +3,7 @@
 #include <sys/epoll.h>
 
 #include <cerrno>
+#include <utility>
 
 #include "Process.h"
 #include "Service.h"
@@ -143,9 +144,27 @@ void Session::onWritable() {
 
 bool Session::holdReading() {
     std::lock_guard<std::mutex> lock(sendMutex_);
-    // Once it is, only onWritable() ends that: it tells the service to go on.
-    held_ = held_ || queue_.size() > SendQueue::kHighMark;
+    // Once it is, only onWritable() and urged() end that: they tell the service to go on.
+    held_ = held_ || (!urged_ && queue_.size() > SendQueue::kHighMark);
     return held_;
+}
+
+void Session::setServed(std::uint32_t channel, std::uint32_t call) {
+    std::lock_guard<std::mutex> lock(sendMutex_);
+    served_[channel % kChannelsPerClient] = call;
+    if (call == urgedCall_) urged_ = false;
+}
+
+// The client waits for that call inside its listener, where it takes nothing from its queue.
+void Session::urged(std::uint32_t channel, std::uint32_t call) {
+    {
+        std::lock_guard<std::mutex> lock(sendMutex_);
+        if (served_[channel % kChannelsPerClient] == call) return;
+        urged_ = true;
+        urgedCall_ = call;
+        if (!std::exchange(held_, false)) return;
+    }
+    if (const std::shared_ptr<Service> service = service_.lock()) service->resume(id);
 }
 
 void Session::shutdown() {
@@ -189,6 +208,9 @@ bool Session::handleControl(const Packet& packet) {
         case FrameType::CloseChannel:
             if (!slots.close(header.sequence)) return false;
             service->releaseChannel(*this);
+            return true;
+        case FrameType::Urge:
+            urged(static_cast<std::uint32_t>(header.status), header.sequence);
             return true;
         default:
             return false;

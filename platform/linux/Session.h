@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <memory>
@@ -40,6 +41,8 @@ public:
     // Delivery thread: true when so much is queued for the client that its requests had better wait. The
     // service is told when to go on.
     bool holdReading();
+    // Delivery thread: a synchronous request is being served.
+    void setServed(std::uint32_t channel, std::uint32_t call);
 
     const std::uint16_t id;
     const Peer peer;
@@ -55,6 +58,7 @@ private:
     void onControl(PacketBatch& scratch);
     bool handleControl(const Packet& packet);
     bool openChannel();
+    void urged(std::uint32_t channel, std::uint32_t call);
     void onWritable();
     int sendLocked(const FrameHeader& header, const void* payload, int descriptor, bool isAnswer);
     bool gathers(const FrameHeader& header, int descriptor);
@@ -71,7 +75,10 @@ private:
     SendQueue queue_;
     std::uint64_t writableSource_ = 0;
     bool held_ = false;   // its requests are not read
-    bool timed_ = false;  // the timer will look for gathered frames
+    bool urged_ = false;  // they must be, until this call is served
+    std::uint32_t urgedCall_ = 0;
+    std::array<std::uint32_t, kChannelsPerClient> served_{};  // the latest call of each channel
+    bool timed_ = false;                                      // the timer will look for gathered frames
 };
 
 }  // namespace nexnipc

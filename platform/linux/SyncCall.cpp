@@ -1,3 +1,5 @@
+#include <poll.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -7,6 +9,11 @@
 #include "Service.h"
 
 namespace nexnipc {
+namespace {
+
+constexpr int kUrgeAfterMs = 10;
+
+}  // namespace
 
 // One send and one receive on the caller's thread; nothing else of this process is involved.
 int Client::callSync(SyncRpcRecord& record) {
@@ -40,11 +47,25 @@ int Client::exchange(Channel& channel, const FrameHeader& request, const void* p
         length = channel.socket.receiveInto(answer, record.response, record.responseLength, memory, wait);
         return length != -EAGAIN;
     };
-    if (!channel.spin.finds([&] { return receive(Wait::No); })) receive(Wait::Yes);
+    if (!channel.spin.finds([&] { return receive(Wait::No); })) {
+        if (GatherScope::delivers(*this)) urge(channel, request);
+        receive(Wait::Yes);
+    }
     if (length < 0) return length == -EAGAIN ? -ETIMEDOUT : length;
     // A channel whose call was given up is closed, so no other answer can stand in it.
     if (answer.type != FrameType::SyncReply || answer.sequence != request.sequence) return -EPROTO;
     return takeAnswer(answer, length, memory, record);
+}
+
+// Inside the listener nobody takes what is queued for this connection, and the service may be waiting for that.
+void Client::urge(const Channel& channel, const FrameHeader& request) const {
+    pollfd ready{channel.socket.fd(), POLLIN, 0};
+    if (::poll(&ready, 1, kUrgeAfterMs) != 0) return;
+    FrameHeader header;
+    header.type = FrameType::Urge;
+    header.sequence = request.sequence;
+    header.status = request.status;
+    control_.send(header, nullptr, -1, Wait::No);
 }
 
 int Client::takeAnswer(const FrameHeader& answer, int inlineLength, const Fd& memory, SyncRpcRecord& record) const {

@@ -233,6 +233,35 @@ TEST_F(SharingTest, AClientThatDoesNotReadLosesOnlyItsOwnEvents) {
     EXPECT_EQ(client.next(kEvent).data, "again");
 }
 
+TEST_F(SharingTest, ACallFromInsideTheListenerIsServedWhateverIsQueuedForIt) {
+    Signal filled;
+    Endpoint other;
+    std::string response;
+    std::size_t served = 0;
+    onService = [&](Endpoint&, const Message& message, nexNipc_parameter_t& parameter) {
+        if (message.type == SYNC_FUNCTION) echo(parameter);
+    };
+    onClient = [&](Endpoint& self, const Message& message, nexNipc_parameter_t&) {
+        if (message.data != "first") return;
+        filled.wait();
+        self.request(kRequest, "before it");
+        response = self.call(kRequest, "call").response;
+        self.request(kRequest, "after it");  // Waits again, until the events have been taken.
+        for (int i = 0; i < 3; ++i) other.call(kNever, "");
+        served = service.count(kRequest);
+    };
+    connect();
+    ASSERT_EQ(other.connect(kUuid), 0);
+    std::size_t events = 0;
+    nex_status_t status = service.callback(id, kEvent, "first");
+    for (; status == 0; ++events) status = service.callback(id, kEvent, kPacket);
+    filled.set();
+    while (events-- > 0 && !HasFailure()) client.next(kEvent);
+    EXPECT_EQ(response, "call");
+    EXPECT_EQ(served, 2U);
+    for (const char* text : {"before it", "call", "after it"}) EXPECT_EQ(service.next(kRequest).data, text);
+}
+
 TEST_F(SharingTest, ARequestToAServiceThatDoesNotReadFailsAfterAWhile) {
     Signal release;
     onService = [&](Endpoint&, const Message& message, nexNipc_parameter_t& parameter) {
