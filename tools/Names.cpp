@@ -28,7 +28,7 @@ std::string unmarked(std::string text) {
 
 void addNames(CLI::App& command, const std::string& label, std::vector<std::string>& names, const std::string& help) {
     const auto withoutMark = [](std::string name) {
-        if (!name.empty() && name[0] == mark) name.erase(0, 1);
+        if (name.find(mark) == 0) name.erase(0, 1);
         return name;
     };
     command.add_option(label, names, help)->required()->transform(withoutMark, "");
