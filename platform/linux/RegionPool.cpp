@@ -43,7 +43,6 @@ RegionPool& RegionPool::get() {
 
 RegionPool::ProcessId RegionPool::identify(const Peer& peer) {
     if (peer.pid <= 0) return {};  // of another pid namespace
-    if (peer.pid == ::getpid()) return {peer.pid, peer.uid, 0};
     const std::uint64_t start = startOf(peer.pid);
     return start != 0 ? ProcessId{peer.pid, peer.uid, start} : ProcessId{};
 }
