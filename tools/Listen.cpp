@@ -110,9 +110,10 @@ Exit printEvents(const ListenOptions& options, const Link& link, Arrivals& arriv
         for (const Event& event : taken) {
             print(options, event);
             if (++printed == options.count) return Exit::Ok;
+            if (Clock::now() >= deadline) break;  // Also where events come faster than somebody reads them.
         }
         if (stopped) return Exit::Ok;
-        if (changed) continue;
+        if (changed && Clock::now() < deadline) continue;
         if (options.count == 0) return Exit::Ok;
         throw Failure(Exit::Timeout,
                       std::to_string(printed) + " of " + std::to_string(options.count) + " events came in time");
