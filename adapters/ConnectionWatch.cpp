@@ -100,7 +100,8 @@ bool ConnectionWatch::waitUntilLost(NIPCConnector& connector, std::chrono::milli
 // Often at first, since most connections take no time at all; seldom later, since each report is a log line.
 bool ConnectionWatch::waitUntil(bool connected, NIPCConnector& connector, std::chrono::milliseconds limit) const {
     using Clock = std::chrono::steady_clock;
-    const auto end = Clock::now() + limit;
+    constexpr std::chrono::milliseconds longest = std::chrono::hours(87600);  // A longer one may overflow the clock.
+    const auto end = Clock::now() + std::min(limit, longest);
     std::chrono::milliseconds pause(2);
     while (update(connector) != connected) {
         const auto now = Clock::now();

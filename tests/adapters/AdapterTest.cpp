@@ -106,7 +106,7 @@ TEST(ConnectionWatch, KnowsAConnectionAndItsLoss) {
     platform.failNext(Operation::Connect, -ECONNREFUSED, 3);
     platform.endService();
     EXPECT_FALSE(watch.connected());
-    EXPECT_TRUE(watch.waitUntilConnected(*client, 10s));
+    EXPECT_TRUE(watch.waitUntilConnected(*client, std::chrono::milliseconds::max()));
     EXPECT_FALSE(watch.waitUntilLost(*client, 5ms));
     EXPECT_EQ(changes, (std::vector<bool>{true, false, true}));
 
