@@ -4,12 +4,19 @@
 #include <sys/timerfd.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
+
 namespace nexnipc {
 namespace {
 
-constexpr long kDelayNs = 250000;
+using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::microseconds kPause(20);
+constexpr unsigned kStream = 64;
+constexpr long kDelayNs = 500000;
 constexpr std::uint32_t kLargestGathered = 4096;
-constexpr unsigned kEnoughFrames = 16;
+constexpr unsigned kEnoughFrames = 32;
 constexpr std::size_t kEnoughBytes = 8192;
 
 struct Delivery {
@@ -17,6 +24,12 @@ struct Delivery {
     bool more = false;
 };
 thread_local Delivery current;
+
+struct Stream {
+    Clock::time_point last;
+    unsigned frames = 0;
+};
+thread_local Stream stream;
 
 }  // namespace
 
@@ -32,6 +45,13 @@ void GatherScope::setMore(bool more) { current.more = more; }
 bool GatherScope::delivers(const Gatherer& side) { return current.side == &side; }
 
 bool GatherScope::hasMore(const Gatherer& side) { return current.side == &side && current.more; }
+
+bool isStreaming() {
+    const Clock::time_point now = Clock::now();
+    stream.frames = now - stream.last < kPause ? std::min(stream.frames + 1, kStream) : 0;
+    stream.last = now;
+    return stream.frames >= kStream;
+}
 
 bool isGathered(const FrameHeader& header, int descriptor) {
     return descriptor < 0 && sharesPacket(header.type) && header.length <= kLargestGathered;

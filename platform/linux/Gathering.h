@@ -11,6 +11,7 @@
 // A delivery thread that has further messages in hand gathers what its listener sends to the same peer, so that many
 // small frames make one packet. They go when nothing is left in hand, or are enough for a packet, or when somebody else
 // sends to that peer, whose frame comes after them. Should the listener take its time, a timer sends them.
+// So does a thread of a service's that sends on and on, of whose pause only the timer knows.
 namespace nexnipc {
 
 // One side of a connection, as far as it gathers.
@@ -42,6 +43,9 @@ public:
 private:
     Gatherer& side_;
 };
+
+// Counts a frame that the calling thread sends: whether it has been sending one after the other for a while.
+bool isStreaming();
 
 // Whether such a frame is worth gathering, and whether that much of them should go.
 bool isGathered(const FrameHeader& header, int descriptor);

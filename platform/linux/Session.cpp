@@ -74,7 +74,7 @@ int Session::sendLocked(const FrameHeader& header, const void* payload, int desc
 
 // Whether a frame may wait for others; not without the timer.
 bool Session::gathers(const FrameHeader& header, int descriptor) {
-    if (!GatherScope::hasMore(*this) || !isGathered(header, descriptor)) return false;
+    if (!isGathered(header, descriptor) || !(GatherScope::hasMore(*this) || isStreaming())) return false;
     if (!timed_) timed_ = Process::get().gatherTimer->arm(shared_from_this());
     return timed_;
 }
