@@ -7,8 +7,9 @@ import statistics
 import subprocess
 
 KIB, MIB = 1024, 1024 * 1024
-SUBJECTS = {  # Column: options of nipc_bench.
+SUBJECTS = {  # Column: settings of the platform and options of nipc_bench.
     "connector": "",
+    "no spin": "NEX_NIPC_SPIN=0",
     "logged": "--variant logged",
     "raw": "--variant raw-packet",
     "raw memory": "--variant raw-memory",
@@ -17,7 +18,7 @@ SUBJECTS = {  # Column: options of nipc_bench.
 INLINE = ["raw", "connector", "logged"]
 LARGE = ["raw memory", "recycled", "connector"]
 SECTIONS = {  # Title, figure, its unit, columns, cells. Ratios are to the first column, or to the first cell.
-    "W1": ("Synchronous round trip", "p50_us", "µs", INLINE,
+    "W1": ("Synchronous round trip", "p50_us", "µs", ["raw", "no spin", "connector", "logged"],
            [f"--size {s} --pin {p}" for p in ("split", "same") for s in (64, 1024, 16000)]),
     "W2": ("Asynchronous requests, 64 under way", "per_s", "/s", INLINE, [f"--size {s}" for s in (64, 1024, 16000)]),
     "W3": ("Events delivered, to 1, 4 and 16 subscribers", "per_s", "/s", INLINE[:2],
@@ -37,7 +38,9 @@ FOOTPRINT = ["rss_unconnected_kb", "rss_client_kb", "anon_client_kb", "rss_serve
 
 
 def run(program, arguments):
-    done = subprocess.run([program, *arguments.split()], stdout=subprocess.PIPE, text=True)
+    settings = dict(word.split("=") for word in arguments.split() if "=" in word)
+    done = subprocess.run([program, *(word for word in arguments.split() if "=" not in word)],
+                          stdout=subprocess.PIPE, text=True, env={**os.environ, **settings})
     if done.returncode:
         print(f"failed ({done.returncode}): {os.path.basename(program)} {arguments}", flush=True)
     return [json.loads(line) for line in done.stdout.splitlines() if line.startswith("{")]
@@ -72,20 +75,36 @@ def tables(rows, sections):
     out, ratios = [], []
     for name in sections:
         title, figure, unit, columns, cells = SECTIONS[name]
-        out += [f"**{title}, {unit}**", "", "| | " + " | ".join(columns) + " | cost ratio | p99 µs | CPU µs |",
-                "|---" * (len(columns) + 4) + "|"]
-        first = medians(rows, name, cells[0], columns[0]).get(figure)
+        out += [f"**{title}, {unit}**", "", "| | " + " | ".join(columns) + " | CPU µs |", "|---" * (len(columns) + 2) + "|"]
+        first = medians(rows, name, cells[0], columns[0])
         for cell in cells:
             values = {c: medians(rows, name, cell, c) for c in columns}
-            ours, base = values["connector"], first if len(columns) == 1 else values[columns[0]].get(figure)
+            base = first if len(columns) == 1 else values[columns[0]]
             label = re.sub(r"--(workload W\d|)", "", cell).replace("  ", " ").strip()
-            if figure in ours and base:
-                ratio = ours[figure] / base if unit == "µs" else base / ours[figure]
-                ratios.append((f"{name} {label}", ratio))
-            out.append(f"| {label} | " + " | ".join(number(values[c][figure]) if figure in values[c] else "–" for c in columns) +
-                       f" | {ratio if figure in ours and base else float('nan'):.2f} | {number(ours['p99_us']) if 'p99_us' in ours else '–'} | {number(ours['cpu_us']) if ours else '–'} |")
+            told = [described(values[c], base, figure, unit) for c in columns]
+            ours = values["connector"]
+            if figure in ours and figure in base:
+                ratios.append((f"{name} {label}", cost(ours, base, figure, unit)))
+            out.append(f"| {label} | {' | '.join(told)} | {number(ours['cpu_us']) if ours else '–'} |")
         out.append("")
     return out, ratios
+
+
+def cost(values, base, figure, unit):
+    return values[figure] / base[figure] if unit == "µs" else base[figure] / values[figure]
+
+
+def described(values, base, figure, unit):
+    """A figure, what it costs relative to the baseline, and the 99th percentile with the same."""
+    if figure not in values:
+        return "–"
+    text = number(values[figure])
+    if values is not base and figure in base:
+        text += f" = {cost(values, base, figure, unit):.2f}"
+    if "p99_us" in values:
+        text += f" (p99 {number(values['p99_us'])}"
+        text += f" = {values['p99_us'] / base['p99_us']:.2f})" if values is not base and base.get("p99_us") else ")"
+    return text
 
 
 def footprint(options):
@@ -140,7 +159,7 @@ def main():
         log.writelines(json.dumps(row) + "\n" for row in rows)
     lines, ratios = tables(rows, sections)
     about = (f"Medians of {options.rounds} interleaved rounds of {options.secs} s, {os.cpu_count()} processors, "
-             f"Linux {os.uname().release}. A cost ratio above 1 is worse than the first column, or row, for times and rates alike.")
+             f"Linux {os.uname().release}. Behind = stands the cost relative to the first column, or row: above 1 is worse, for times and rates alike.")
     table = "\n".join([about, "", *lines, *footprint(options)])
     open(folder + "/table.md", "w").write(table)
     plot(folder, ratios)
