@@ -60,7 +60,7 @@ int Client::exchange(Channel& channel, const FrameHeader& request, const void* p
 // Inside the listener nobody takes what is queued for this connection, and the service may be waiting for that.
 void Client::urge(const Channel& channel, const FrameHeader& request) const {
     pollfd ready{channel.socket.fd(), POLLIN, 0};
-    if (::poll(&ready, 1, kUrgeAfterMs) != 0) return;
+    if (::poll(&ready, 1, kUrgeAfterMs) > 0) return;
     FrameHeader header;
     header.type = FrameType::Urge;
     header.sequence = request.sequence;

@@ -86,6 +86,7 @@ EXCEPT = {
     "isMember/getsockopt#2": "only for the processes of other users",
     "Client::awaitGathered/poll": "waits for room to send; asked again when it fails, until the time is up",
     "Client::receive/poll": "waits for room to send; asked again when it fails",
+    "Client::urge/poll": "only from inside a listener; the service is urged when it fails, as when nothing came",
     "Lane::remove/epoll_ctl": "taking out what is in never fails",
     "Lane::watch/epoll_ctl": "changing what is in never fails",
     "ownDirectory/stat": "only without NEX_NIPC_DIR",

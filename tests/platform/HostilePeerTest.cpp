@@ -129,7 +129,7 @@ TEST_F(HostilePeerTest, AServiceThatBreaksTheRulesIsReportedDown) {
     strange.magic = 1;
     Endpoint refused;
     EXPECT_NE(greet(listener, refused, "", {}).first, 0);
-    const std::size_t descriptors = descriptorCount(getpid());
+    [[maybe_unused]] const std::size_t descriptors = descriptorCount(getpid());
     EXPECT_NE(greet(listener, refused, welcomePacket(strange), {null_}).first, 0);
     EXPECT_NE(greet(listener, refused, welcomePacket(welcome), {}).first, 0);
     EXPECT_NE(greet(listener, refused, welcomePacket(welcome), {null_, null_}).first, 0);
