@@ -49,7 +49,7 @@ public:
         const Clock::time_point deadline = deadlineIn(options_.timeout);
         for (;;) {
             link_.awaitConnected(deadline, options_.wait || calledBefore_);
-            const Exchange exchange = attempt(deadline);
+            Exchange exchange = attempt(deadline);
             if (exchange.sent) {
                 calledBefore_ = true;
                 return exchange;

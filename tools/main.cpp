@@ -43,7 +43,7 @@ Exit runGuarded(const Run& run) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv) try {
     std::signal(SIGPIPE, SIG_IGN);
     CLI::App app("Looks at, calls and offers services of libnipcconnector.", "nipcctl");
     app.require_subcommand(1);
@@ -67,4 +67,7 @@ int main(int argc, char** argv) {
     // A request that nobody answers keeps its thread inside the connector: do not wait for it.
     if (code == Exit::Timeout) std::_Exit(static_cast<int>(code));
     return static_cast<int>(code);
+} catch (const std::exception& error) {
+    std::fprintf(stderr, "nipcctl: %s\n", error.what());
+    return static_cast<int>(nipcctl::Exit::InputOutput);
 }

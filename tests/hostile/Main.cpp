@@ -237,7 +237,7 @@ void Run::attackClient() {
     }
     check(alive, "the client of a hostile service hangs");
     const std::chrono::duration<double> taken = Clock::now() - start;
-    std::printf("%-28s %9u %9.0f/s\n", "hostile service", sessions_ / 10, sessions_ / 10 / taken.count());
+    std::printf("%-28s %9u %9.0f/s\n", "hostile service", sessions_ / 10, sessions_ * 0.1 / taken.count());
     settle("client of a hostile service", victim_, "0", before);
 }
 
