@@ -17,7 +17,7 @@ constexpr unsigned kStream = 64;
 constexpr long kDelayNs = 500000;
 constexpr std::uint32_t kLargestGathered = 4096;
 constexpr unsigned kEnoughFrames = 32;
-constexpr std::size_t kEnoughBytes = 8192;
+constexpr std::size_t kEnoughBytes = 16384;
 
 struct Delivery {
     const Gatherer* side = nullptr;
