@@ -9,6 +9,7 @@
 
 #include "ConnectorTestAccess.h"
 #include "FuzzInput.h"
+#include "LineLogger.h"
 #include "RawPeer.h"
 #include "cutils/ashmem.h"
 #include "nipcconnector/FunctionId.h"
@@ -22,22 +23,8 @@ using namespace nipcconnector::testing;
 namespace {
 
 // Every line is put together, and nothing kept.
-class Scribbler : public nipcconnector::ILogger {
-public:
-#define LOG(level)                                 \
-    void level(const char* format, ...) override { \
-        va_list arguments;                         \
-        va_start(arguments, format);               \
-        scribble(format, arguments);               \
-        va_end(arguments);                         \
-    }
-    LOG(info)
-    LOG(debug)
-    LOG(error)
-    LOG(warn)
-
-private:
-    static void scribble(const char* format, va_list arguments) {
+class Scribbler : public LineLogger {
+    void log(const char* format, std::va_list arguments) override {
         char line[512];
         std::vsnprintf(line, sizeof line, format, arguments);
     }

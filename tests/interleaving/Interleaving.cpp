@@ -14,6 +14,7 @@
 #include <random>
 
 #include "ConnectorTestAccess.h"
+#include "LineLogger.h"
 #include "ModelPlatform.h"
 #include "Scheduler.h"
 #include "connector/CallbackManager.h"
@@ -77,23 +78,12 @@ private:
     void* memory_;
 };
 
-class SchedulingLogger : public nipcconnector::ILogger {
+class SchedulingLogger : public LineLogger {
 public:
     explicit SchedulingLogger(const Place& subject) : place_(subject) {}
-#define LOG(level)                                 \
-    void level(const char* format, ...) override { \
-        std::va_list arguments;                    \
-        va_start(arguments, format);               \
-        log(format, arguments);                    \
-        va_end(arguments);                         \
-    }
-    LOG(info)
-    LOG(debug)
-    LOG(error)
-    LOG(warn)
 
 private:
-    void log(const char* format, std::va_list arguments) const {
+    void log(const char* format, std::va_list arguments) override {
         if (place_.isGone) scheduler.fail("logs after its destruction");
         if (scheduler.traces) {
             char line[200];
