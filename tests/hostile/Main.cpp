@@ -30,6 +30,7 @@ namespace {
 constexpr std::uint16_t kService = 41301;
 constexpr std::uint16_t kHostileService = 41302;
 constexpr auto kSlice = 250ms;
+constexpr auto kBetweenSessions = 200us;
 constexpr unsigned kLong = 100000;
 
 std::shared_ptr<Connector> make(bool isClient) {
@@ -243,8 +244,9 @@ void Run::attackClient() {
 
 // In rounds, so that what else the machine does meets all of them alike.
 void Run::attackService() {
-    const auto hostile = [this] { client_.session(); };
-    setpriority(PRIO_PROCESS, 0, 19);  // What they cost the service is measured, not the want of processors.
+    // What they cost the service is measured, not the want of processors.
+    const auto hostile = [this] { client_.session(), std::this_thread::sleep_for(kBetweenSessions); };
+    setpriority(PRIO_PROCESS, 0, 19);
     during(warming_, std::max(1000U, sessions_ / 20), hostile);  // What is allocated once, is by now.
     client_.letGo();
     client_.counts.clear();
