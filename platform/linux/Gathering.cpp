@@ -13,7 +13,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::microseconds kPause(20);
-constexpr unsigned kStream = 64;
+constexpr std::chrono::microseconds kLongestPause(250);
+constexpr int kWeight = 32;  // some 80 frames after a long pause; one such pause does not end it
 constexpr long kDelayNs = 500000;
 constexpr std::uint32_t kLargestGathered = 4096;
 constexpr unsigned kEnoughFrames = 32;
@@ -27,7 +28,7 @@ thread_local Delivery current;
 
 struct Stream {
     Clock::time_point last;
-    unsigned frames = 0;
+    Clock::duration pause = kLongestPause;
 };
 thread_local Stream stream;
 
@@ -48,10 +49,13 @@ bool GatherScope::hasMore(const Gatherer& side) { return current.side == &side &
 
 bool isStreaming() {
     const Clock::time_point now = Clock::now();
-    stream.frames = now - stream.last < kPause ? std::min(stream.frames + 1, kStream) : 0;
+    const Clock::duration pause = std::min<Clock::duration>(now - stream.last, kLongestPause);
+    stream.pause += (pause - stream.pause) / kWeight;
     stream.last = now;
-    return stream.frames >= kStream;
+    return stream.pause < kPause;
 }
+
+void endSending() { stream.last = Clock::now(); }
 
 bool isGathered(const FrameHeader& header, int descriptor) {
     return descriptor < 0 && sharesPacket(header.type) && header.length <= kLargestGathered;

@@ -44,8 +44,10 @@ private:
     Gatherer& side_;
 };
 
-// Counts a frame that the calling thread sends: whether it has been sending one after the other for a while.
+// Tells that the calling thread has a frame to send: whether it has been sending one after the other for a while.
 bool isStreaming();
+// That it has sent one, which may have taken longer than any pause of a stream.
+void endSending();
 
 // Whether such a frame is worth gathering, and whether that much of them should go.
 bool isGathered(const FrameHeader& header, int descriptor);

@@ -58,6 +58,7 @@ int Session::sendLocked(const FrameHeader& header, const void* payload, int desc
     const bool gather = gathers(header, descriptor);
     if (queue_.empty() && !gather) {
         int status = main.send(header, payload, descriptor, Wait::No);
+        endSending();
         if (status == -EAGAIN)
             status = watchWritable();
         else
@@ -81,6 +82,7 @@ bool Session::gathers(const FrameHeader& header, int descriptor) {
 
 int Session::flushGathered() noexcept {
     int status = queue_.flush(main);
+    endSending();
     if (status == 0) return 0;
     if (status == -ECONNRESET) {
         queue_.clear();
