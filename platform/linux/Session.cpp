@@ -1,5 +1,6 @@
 #include "Session.h"
 
+#include <poll.h>
 #include <sys/epoll.h>
 
 #include <cerrno>
@@ -11,6 +12,11 @@
 #include "nex_nipc.h"
 
 namespace nexnipc {
+namespace {
+
+constexpr timespec kRoomLimit{0, 100000};
+
+}  // namespace
 
 Session::Session(std::uint16_t number, Peer who, PacketSocket mainSocket, PacketSocket control, Lane& lane,
                  std::shared_ptr<QueueBudget> budget, std::weak_ptr<Service> service)
@@ -22,7 +28,9 @@ Session::Session(std::uint16_t number, Peer who, PacketSocket mainSocket, Packet
       control_(std::move(control)),
       lane_(lane),
       service_(std::move(service)),
-      queue_(std::move(budget)) {}
+      queue_(std::move(budget)) {
+    main.widen();
+}
 
 int Session::attach() {
     const auto self = shared_from_this();
@@ -33,8 +41,22 @@ int Session::attach() {
 }
 
 int Session::send(const FrameHeader& header, const void* payload, bool isAnswer) {
-    std::lock_guard<std::mutex> lock(sendMutex_);
+    std::unique_lock<std::mutex> lock(sendMutex_);
+    if (isAnswer && !closed && queue_.empty() && !isGathered(header, -1) && GatherScope::delivers(*this)) {
+        const int status = main.send(header, payload, -1, Wait::No);
+        if (status != -EAGAIN) return status == -ECONNRESET ? -ENOTCONN : status;
+        lock.unlock();
+        awaitRoom();
+        lock.lock();
+    }
     return sendLocked(header, payload, -1, isAnswer);
+}
+
+// A client that is just taking its answers spares the next one the queue, which copies it and wakes the lane. Once one
+// is queued nothing waits any more until all went.
+void Session::awaitRoom() const {
+    pollfd room{main.fd(), POLLOUT, 0};
+    ::ppoll(&room, 1, &kRoomLimit, nullptr);
 }
 
 int Session::share(OutgoingShare& outgoing) {

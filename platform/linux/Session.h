@@ -30,7 +30,7 @@ public:
     // Starts to serve the control socket; 0 or a negative errno. Lane only.
     int attach();
 
-    // Any thread; none of them blocks.
+    // Any thread; none of them blocks, but that the delivery thread gives a client a moment to take a long answer.
     int send(const FrameHeader& header, const void* payload, bool isAnswer);
     int share(OutgoingShare& share);
     int acknowledge();
@@ -63,6 +63,7 @@ private:
     int sendLocked(const FrameHeader& header, const void* payload, int descriptor, bool isAnswer);
     bool gathers(const FrameHeader& header, int descriptor);
     int flushGathered() noexcept;
+    void awaitRoom() const;
     int watchWritable();
     void unwatchWritable();
 

@@ -222,6 +222,8 @@ NIPCTEST_CALL(int, renameat, (int from, const char* name, int to, const char* ne
 NIPCTEST_CALL(int, unlinkat, (int directory, const char* name, int flags), (directory, name, flags))
 NIPCTEST_CALL(int, flock, (int fd, int operation), (fd, operation))
 NIPCTEST_CALL(int, poll, (void* polled, unsigned long count, int timeout), (polled, count, timeout))
+NIPCTEST_CALL(int, ppoll, (void* polled, unsigned long count, const timespec* limit, const void* mask),
+              (polled, count, limit, mask))
 NIPCTEST_OPTIONAL(int, open, (const char* path, int flags, ...), flags, (path, flags, argument))
 NIPCTEST_OPTIONAL(int, openat, (int directory, const char* path, int flags, ...), flags,
                   (directory, path, flags, argument))
