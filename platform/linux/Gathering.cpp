@@ -18,7 +18,8 @@ constexpr int kWeight = 32;  // some 80 frames after a long pause; one such paus
 constexpr long kDelayNs = 500000;
 constexpr std::uint32_t kLargestGathered = 4096;
 constexpr unsigned kEnoughFrames = 32;
-constexpr std::size_t kEnoughBytes = 16384;
+// A packet that the kernel keeps in 8 KiB: for larger ones it takes fresh pages each time, cold and slow to fill.
+constexpr std::size_t kEnoughBytes = 7000;
 
 struct Delivery {
     const Gatherer* side = nullptr;
