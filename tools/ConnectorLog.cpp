@@ -1,6 +1,7 @@
 #include "ConnectorLog.h"
 
 #include <array>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <string_view>
@@ -23,7 +24,7 @@ void attemptFailed(Monitor& monitor, std::va_list& arguments) {
     monitor.startFailure = va_arg(arguments, int);
 }
 
-constexpr std::array<Meaning, 9> meanings = {{
+constexpr std::array<Meaning, 10> meanings = {{
     // Not "Successfully connected to server", which may be told before a request can be sent.
     {"%s succeeded after %d retries",
      [](Monitor& monitor, std::va_list&) {
@@ -42,6 +43,8 @@ constexpr std::array<Meaning, 9> meanings = {{
      [](Monitor& monitor, std::va_list& arguments) { monitor.transportFailure = va_arg(arguments, int); }},
     {"Failed to send async request, status: %d",
      [](Monitor& monitor, std::va_list& arguments) { monitor.transportFailure = va_arg(arguments, int); }},
+    {"Timed out waiting for FD processing ACK from receiver.",
+     [](Monitor& monitor, std::va_list&) { monitor.transportFailure = -ETIMEDOUT; }},
     {"reason=RPCSyncFailed, rpc_params.status=%d", [](Monitor& monitor, std::va_list&) { monitor.refused = true; }},
     {"Not connected to service, attempting to reconnect on request",
      [](Monitor& monitor, std::va_list&) { monitor.notSent = true; }},

@@ -144,6 +144,8 @@ class Calls(Case):
                 time.sleep(0.01)
         self.assertEqual(0, waiting.poll())
         self.check(run("call", "-u", "7", "slow", "--timeout", "0.1"), 4, b"", "in time")
+        large = self.path("large", bytes(1 << 20))
+        self.check(run("call", "-u", "7", "hi", "--async", "--file", large), 4, b"", "does not respond")
 
     def test_tells_that_the_service_is_missing_or_goes_away(self):
         self.check(run("call", "-u", "9", "hi"), 3, b"", "service 9 cannot be reached: nobody offers it")
