@@ -104,7 +104,11 @@ bool RawPeer::isClosed() const {
 
 bool RawPeer::readable() const {
     pollfd ready{socket_, POLLIN, 0};
-    return poll(&ready, 1, static_cast<int>(std::chrono::milliseconds(nipctest::kPatience).count())) == 1;
+    int count = 0;
+    do {  // a fuzzer's timer interrupts it
+        count = poll(&ready, 1, static_cast<int>(std::chrono::milliseconds(nipctest::kPatience).count()));
+    } while (count < 0 && errno == EINTR);
+    return count == 1;
 }
 
 FrameHeader header(FrameType type, std::uint16_t function, std::uint32_t length, std::uint64_t context,
