@@ -5,7 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
+#include <utility>
 
 namespace nexnipc {
 namespace {
@@ -15,7 +15,7 @@ using Clock = std::chrono::steady_clock;
 constexpr std::chrono::microseconds kPause(20);
 constexpr std::chrono::microseconds kLongestPause(250);
 constexpr int kWeight = 32;  // some 80 frames after a long pause; one such pause does not end it
-constexpr long kDelayNs = 500000;
+constexpr std::chrono::nanoseconds kDelay(500000);
 constexpr std::uint32_t kLargestGathered = 4096;
 constexpr unsigned kEnoughFrames = 32;
 // A packet that the kernel keeps in 8 KiB: for larger ones it takes fresh pages each time, cold and slow to fill.
@@ -48,12 +48,14 @@ bool GatherScope::delivers(const Gatherer& side) { return current.side == &side;
 
 bool GatherScope::hasMore(const Gatherer& side) { return current.side == &side && current.more; }
 
-bool isStreaming() {
+bool isStreaming(Clock::time_point& toPeer) {
     const Clock::time_point now = Clock::now();
     const Clock::duration pause = std::min<Clock::duration>(now - stream.last, kLongestPause);
     stream.pause += (pause - stream.pause) / kWeight;
     stream.last = now;
-    return stream.pause < kPause;
+    // One event to many peers is a stream of its thread's; none of them has anything to wait for.
+    const bool soon = now - std::exchange(toPeer, now) < kDelay;
+    return soon && stream.pause < kPause;
 }
 
 void endSending() { stream.last = Clock::now(); }
@@ -78,7 +80,7 @@ bool GatherTimer::arm(std::shared_ptr<Gatherer> side) {
     armed_.push_back(std::move(side));
     if (armed_.size() > 1) return true;
     itimerspec delay{};
-    delay.it_value.tv_nsec = kDelayNs;
+    delay.it_value.tv_nsec = static_cast<long>(kDelay.count());
     ::timerfd_settime(timer_.get(), 0, &delay, nullptr);
     return true;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -44,8 +45,9 @@ private:
     Gatherer& side_;
 };
 
-// Tells that the calling thread has a frame to send: whether it has been sending one after the other for a while.
-bool isStreaming();
+// Tells that the calling thread has a frame to send: whether it has been sending one after the other for a while, and
+// to this peer as well, which had the one before at that time.
+bool isStreaming(std::chrono::steady_clock::time_point& toPeer);
 // That it has sent one, which may have taken longer than any pause of a stream.
 void endSending();
 

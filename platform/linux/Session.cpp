@@ -46,17 +46,21 @@ int Session::send(const FrameHeader& header, const void* payload, bool isAnswer)
         const int status = main.send(header, payload, -1, Wait::No);
         if (status != -EAGAIN) return status == -ECONNRESET ? -ENOTCONN : status;
         lock.unlock();
-        awaitRoom();
+        const bool room = awaitRoom();
         lock.lock();
+        // Queued even if there is room for it now: a client that takes one at a time would be waited for each time.
+        if (!room && !closed) {
+            if (const int failed = watchWritable()) return failed;
+        }
     }
     return sendLocked(header, payload, -1, isAnswer);
 }
 
 // A client that is just taking its answers spares the next one the queue, which copies it and wakes the lane. Once one
 // is queued nothing waits any more until all went.
-void Session::awaitRoom() const {
+bool Session::awaitRoom() const {
     pollfd room{main.fd(), POLLOUT, 0};
-    ::ppoll(&room, 1, &kRoomLimit, nullptr);
+    return ::ppoll(&room, 1, &kRoomLimit, nullptr) > 0;
 }
 
 int Session::share(OutgoingShare& outgoing) {
@@ -78,7 +82,7 @@ int Session::acknowledge() {
 int Session::sendLocked(const FrameHeader& header, const void* payload, int descriptor, bool isAnswer) {
     if (closed) return -ENOTCONN;
     const bool gather = gathers(header, descriptor);
-    if (queue_.empty() && !gather) {
+    if (queue_.empty() && writableSource_ == 0 && !gather) {
         int status = main.send(header, payload, descriptor, Wait::No);
         endSending();
         if (status == -EAGAIN)
@@ -97,7 +101,8 @@ int Session::sendLocked(const FrameHeader& header, const void* payload, int desc
 
 // Whether a frame may wait for others; not without the timer.
 bool Session::gathers(const FrameHeader& header, int descriptor) {
-    if (!isGathered(header, descriptor) || !(GatherScope::hasMore(*this) || isStreaming())) return false;
+    const bool more = GatherScope::hasMore(*this) || isStreaming(latest_);
+    if (!more || !isGathered(header, descriptor)) return false;
     if (!timed_) timed_ = Process::get().gatherTimer->arm(shared_from_this());
     return timed_;
 }

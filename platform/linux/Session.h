@@ -2,6 +2,7 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -63,7 +64,7 @@ private:
     int sendLocked(const FrameHeader& header, const void* payload, int descriptor, bool isAnswer);
     bool gathers(const FrameHeader& header, int descriptor);
     int flushGathered() noexcept;
-    void awaitRoom() const;
+    bool awaitRoom() const;
     int watchWritable();
     void unwatchWritable();
 
@@ -79,6 +80,7 @@ private:
     bool urged_ = false;  // they must be, until this call is served
     std::uint32_t urgedCall_ = 0;
     std::array<std::uint32_t, kChannelsPerClient> served_{};  // the latest call of each channel
+    std::chrono::steady_clock::time_point latest_;            // when it was last looked whether its frames are a stream
     bool timed_ = false;                                      // the timer will look for gathered frames
 };
 
