@@ -176,7 +176,9 @@ TEST_F(PackedFramesTest, AStreamOfEventsArrivesInOrderToItsEnd) {
     for (const RawClient& peer : peers) {
         std::size_t packets = 0;
         const std::vector<std::string> events = payloads(peer.main, kCount, &packets);
+#ifndef NIPC_TEST_EMULATOR  // On it, frames take longer than the pauses of a stream.
         EXPECT_LT(packets, kCount) << "none share one";
+#endif
         ASSERT_EQ(events.size(), kCount);
         for (unsigned i = 0; i < kCount; ++i) EXPECT_EQ(events[i].substr(0, events[i].find('.')), std::to_string(i));
     }
