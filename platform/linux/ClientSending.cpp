@@ -41,7 +41,7 @@ int Client::sendFromListener(const FrameHeader& header, const void* payload) {
     }
     if (const int status = gathered_.push(header, payload, -1, false)) return status;
     anyGathered_ = true;
-    if (full_ || (gather && !isEnough(gathered_.gatheredFrames(), gathered_.size()))) return 0;
+    if (full_ || (gather && !isEnough(gathered_.gatheredFrames(), gathered_.gatheredBytes(), header))) return 0;
     return flushGathered() == -ECONNRESET ? -ECONNRESET : 0;
 }
 

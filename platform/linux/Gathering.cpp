@@ -13,13 +13,13 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::microseconds kPause(20);
-constexpr std::chrono::microseconds kLongestPause(250);
-constexpr int kWeight = 32;  // some 80 frames after a long pause; one such pause does not end it
+constexpr std::chrono::microseconds kLongestPause(600);
+constexpr int kWeight = 32;  // some 100 frames after a long pause; one such pause does not end it
 constexpr std::chrono::nanoseconds kDelay(500000);
 constexpr std::uint32_t kLargestGathered = 4096;
 constexpr unsigned kEnoughFrames = 32;
 // A packet that the kernel keeps in 8 KiB: for larger ones it takes fresh pages each time, cold and slow to fill.
-constexpr std::size_t kEnoughBytes = 7000;
+constexpr std::size_t kEnoughBytes = 7800;
 
 struct Delivery {
     const Gatherer* side = nullptr;
@@ -64,7 +64,9 @@ bool isGathered(const FrameHeader& header, int descriptor) {
     return descriptor < 0 && sharesPacket(header.type) && header.length <= kLargestGathered;
 }
 
-bool isEnough(unsigned frames, std::size_t bytes) { return frames >= kEnoughFrames || bytes >= kEnoughBytes; }
+bool isEnough(unsigned frames, std::size_t bytes, const FrameHeader& another) {
+    return frames >= kEnoughFrames || aligned(bytes) + sizeof(another) + another.length > kEnoughBytes;
+}
 
 bool GatherTimer::open() {
     if (timer_.valid()) return true;

@@ -51,9 +51,10 @@ bool isStreaming(std::chrono::steady_clock::time_point& toPeer);
 // That it has sent one, which may have taken longer than any pause of a stream.
 void endSending();
 
-// Whether such a frame is worth gathering, and whether that much of them should go.
+// Whether such a frame is worth gathering, and whether a packet of that much should go rather than wait for another
+// such frame.
 bool isGathered(const FrameHeader& header, int descriptor);
-bool isEnough(unsigned frames, std::size_t bytes);
+bool isEnough(unsigned frames, std::size_t bytes, const FrameHeader& another);
 
 // One for the process, on the lane.
 class GatherTimer : public LaneSource, public std::enable_shared_from_this<GatherTimer> {

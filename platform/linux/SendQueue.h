@@ -38,6 +38,7 @@ public:
     std::size_t size() const { return size_; }
     // In the packet that the next frame may join.
     unsigned gatheredFrames() const { return empty() ? 0 : packets_.back().content.frames(); }
+    std::size_t gatheredBytes() const { return empty() ? 0 : packets_.back().content.size(); }
 
 private:
     struct QueuedPacket {

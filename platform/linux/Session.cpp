@@ -95,7 +95,8 @@ int Session::sendLocked(const FrameHeader& header, const void* payload, int desc
         if (queue_.empty()) unwatchWritable();
         return status;
     }
-    const bool wait = writableSource_ != 0 || (gather && !isEnough(queue_.gatheredFrames(), queue_.size()));
+    const bool wait =
+        writableSource_ != 0 || (gather && !isEnough(queue_.gatheredFrames(), queue_.gatheredBytes(), header));
     return wait ? 0 : flushGathered();
 }
 
