@@ -101,7 +101,15 @@ class Peer:
         self.process.send_signal(signal.SIGCONT)
 
     def held(self):
-        return (len(os.listdir("/proc/%d/fd" % self.pid)), len(os.listdir("/proc/%d/task" % self.pid)))
+        """Descriptors, threads. Without the timer that a process makes when it first gathers frames, and keeps."""
+        directory = "/proc/%d/fd/" % self.pid
+        count = 0
+        for number in os.listdir(directory):
+            try:
+                count += os.readlink(directory + number) != "anon_inode:[timerfd]"
+            except OSError:
+                pass
+        return (count, len(os.listdir("/proc/%d/task" % self.pid)))
 
     def resident(self):
         with open("/proc/%d/status" % self.pid) as status:
