@@ -27,9 +27,7 @@ Client::Client(std::int32_t number, const ClientConnectRecord& record, Connectio
       spinLimit_(connection.apart ? spinLimit() : std::chrono::microseconds(0)),
       channels_(control_, syncTimeoutMs(), spinLimit_),
       acks_(connection.peer),
-      gathered_(std::make_shared<QueueBudget>(0)) {
-    main_.widen();
-}
+      gathered_(std::make_shared<QueueBudget>(0)) {}
 
 int Client::connect(std::int32_t* handle, const ClientConnectRecord& record) {
     Process& process = Process::get();

@@ -13,9 +13,6 @@ namespace {
 // Up to this, copying costs less than having the kernel gather.
 constexpr std::size_t kCopyLimit = sizeof(FrameHeader) + 1024;
 
-// The kernel counts twice this, which holds some 20 of the largest packets; it may allow less.
-constexpr int kSendBuffer = 208 << 10;
-
 timeval toTimeval(std::int64_t milliseconds) {
     timeval value{};
     value.tv_sec = static_cast<decltype(value.tv_sec)>(milliseconds / 1000);
@@ -136,8 +133,6 @@ bool PacketSocket::isPacketSocket() const {
 }
 
 void PacketSocket::shutdown() const { ::shutdown(fd_.get(), SHUT_RDWR); }
-
-void PacketSocket::widen() const { ::setsockopt(fd_.get(), SOL_SOCKET, SO_SNDBUF, &kSendBuffer, sizeof(kSendBuffer)); }
 
 void PacketSocket::setSendLimit(int milliseconds) const {
     const timeval limit = toTimeval(milliseconds);

@@ -33,8 +33,6 @@ public:
                     Wait wait = Wait::Yes) const;
 
     void shutdown() const;
-    // Room for more packets under way than there is by default.
-    void widen() const;
     void setSendLimit(int milliseconds) const;
     void setReceiveLimit(std::int64_t milliseconds) const;
     int fd() const { return fd_.get(); }

@@ -28,9 +28,7 @@ Session::Session(std::uint16_t number, Peer who, PacketSocket mainSocket, Packet
       control_(std::move(control)),
       lane_(lane),
       service_(std::move(service)),
-      queue_(std::move(budget)) {
-    main.widen();
-}
+      queue_(std::move(budget)) {}
 
 int Session::attach() {
     const auto self = shared_from_this();
@@ -81,7 +79,7 @@ int Session::acknowledge() {
 
 int Session::sendLocked(const FrameHeader& header, const void* payload, int descriptor, bool isAnswer) {
     if (closed) return -ENOTCONN;
-    const bool gather = gathers(header, descriptor);
+    const bool gather = gathers(header, descriptor, isAnswer);
     if (queue_.empty() && writableSource_ == 0 && !gather) {
         int status = main.send(header, payload, descriptor, Wait::No);
         endSending();
@@ -100,9 +98,9 @@ int Session::sendLocked(const FrameHeader& header, const void* payload, int desc
     return wait ? 0 : flushGathered();
 }
 
-// Whether a frame may wait for others; not without the timer.
-bool Session::gathers(const FrameHeader& header, int descriptor) {
-    const bool more = GatherScope::hasMore(*this) || isStreaming(latest_);
+// Whether a frame may wait for others; not without the timer. Somebody waits for an answer.
+bool Session::gathers(const FrameHeader& header, int descriptor, bool isAnswer) {
+    const bool more = GatherScope::hasMore(*this) || (!isAnswer && isStreaming(latest_));
     if (!more || !isGathered(header, descriptor)) return false;
     if (!timed_) timed_ = Process::get().gatherTimer->arm(shared_from_this());
     return timed_;

@@ -62,7 +62,7 @@ private:
     void urged(std::uint32_t channel, std::uint32_t call);
     void onWritable();
     int sendLocked(const FrameHeader& header, const void* payload, int descriptor, bool isAnswer);
-    bool gathers(const FrameHeader& header, int descriptor);
+    bool gathers(const FrameHeader& header, int descriptor, bool isAnswer);
     int flushGathered() noexcept;
     bool awaitRoom() const;
     int watchWritable();
