@@ -1,10 +1,10 @@
 # shellcheck shell=bash
-# Shared by the scripts: running tests. Needs setup.sh.
+# Shared by the scripts: running tests. Needs setup.sh, and in $root the tree.
 
 export ASAN_OPTIONS=detect_leaks=1:detect_stack_use_after_return=1
 export UBSAN_OPTIONS=print_stacktrace=1
 # By default a process sleeps a second at its end; the tests of ends have very many.
-export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:atexit_sleep_ms=20
+export TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1:atexit_sleep_ms=20:suppressions='$root/tests/tsan.supp'"
 
 # run_tests BUILD LABEL: runs the tests of that label. No test at all is a failure, and so is one that was skipped; only
 # what takes root (another user's process) may be left out by who is not, and is named.
