@@ -31,6 +31,7 @@ constexpr std::uint16_t kService = 41301;
 constexpr std::uint16_t kHostileService = 41302;
 constexpr auto kSlice = 250ms;
 constexpr auto kBetweenSessions = 200us;
+constexpr unsigned kLong = 100000;
 
 std::shared_ptr<Connector> make(bool isClient) {
     return Connector::getInstance(isClient, isClient ? "client" : "service", {"service", kService}, nullptr, nullptr);
@@ -260,8 +261,9 @@ void Run::attackService() {
     }
     std::printf("%-28s %9s %11s %11s %11s\n", "beside the calls", "sessions", "", "p50", "p99");
     for (const Phase* phase : {&warming_, &quiet_, &ordinary_, &beside_}) show(*phase);
-    constexpr double kWakeUps = 1e5;  // Some three more, where that is slow, as on virtual machines.
-    check(percentile(beside_.tails, 0.5) <= 2 * percentile(ordinary_.tails, 0.5) + kWakeUps,
+    // Short runs are for machines that do other things as well.
+    const double slack = sessions_ < kLong ? 1e5 : 500;
+    check(percentile(beside_.tails, 0.5) <= 2 * percentile(ordinary_.tails, 0.5) + slack,
           "hostile sessions cost others more than twice what ordinary ones do");
     std::printf("%-28s %9zu connections\n", "as many as descriptors", client_.exhaustDescriptors());
     const double before = percentile(quiet_.tails, 0.5);
@@ -275,7 +277,7 @@ void Run::attackService() {
         quiet();
     }
     show(quiet_);
-    check(percentile(quiet_.tails, 0.5) <= 2 * before + kWakeUps, "calls take longer than before");
+    check(percentile(quiet_.tails, 0.5) <= 2 * before + slack, "calls take longer than before");
 }
 
 bool Run::run() {
