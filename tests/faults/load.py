@@ -101,15 +101,16 @@ class Peer:
         self.process.send_signal(signal.SIGCONT)
 
     def held(self):
-        """Descriptors, threads. Without the timer that a process makes when it first gathers frames, and keeps."""
+        """Descriptors, threads. Without the one timer that a process makes when it first gathers frames, and keeps."""
         directory = "/proc/%d/fd/" % self.pid
-        count = 0
+        count = timers = 0
         for number in os.listdir(directory):
             try:
-                count += os.readlink(directory + number) != "anon_inode:[timerfd]"
+                timers += os.readlink(directory + number) == "anon_inode:[timerfd]"
+                count += 1
             except OSError:
                 pass
-        return (count, len(os.listdir("/proc/%d/task" % self.pid)))
+        return (count - min(timers, 1), len(os.listdir("/proc/%d/task" % self.pid)))
 
     def resident(self):
         with open("/proc/%d/status" % self.pid) as status:
