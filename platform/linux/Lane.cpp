@@ -57,10 +57,37 @@ void Lane::remove(std::uint64_t id) {
     std::lock_guard<std::mutex> lock(mutex_);
     const auto found = entries_.find(id);
     if (found == entries_.end()) return;
+    dropped = take(found);
+}
+
+std::shared_ptr<LaneSource> Lane::take(std::unordered_map<std::uint64_t, Entry>::iterator found) {
     ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, found->second.fd, nullptr);
-    clearDeadline(id, found->second);
-    dropped = std::move(found->second.source);
+    clearDeadline(found->first, found->second);
+    std::shared_ptr<LaneSource> source = std::move(found->second.source);
     entries_.erase(found);
+    return source;
+}
+
+void Lane::rest(std::uint64_t id) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    const auto found = entries_.find(id);
+    if (found != entries_.end() && !found->second.retired)
+        ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, found->second.fd, nullptr);
+}
+
+void Lane::retire(std::uint64_t id) {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        const auto found = entries_.find(id);
+        if (found == entries_.end()) return;
+        found->second.retired = true;
+        epoll_event event{};
+        event.events = EPOLLIN;
+        event.data.u64 = id;
+        ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, found->second.fd, nullptr);
+        if (::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, found->second.fd, &event) == 0) return;
+    }
+    remove(id);
 }
 
 void Lane::watch(std::uint64_t id, std::uint32_t events) {
@@ -88,9 +115,13 @@ void Lane::clearDeadline(std::uint64_t id, Entry& entry) {
 }
 
 std::shared_ptr<LaneSource> Lane::find(std::uint64_t id) {
+    std::shared_ptr<LaneSource> dropped;  // destroyed after the lock
     std::lock_guard<std::mutex> lock(mutex_);
     const auto found = entries_.find(id);
-    return found == entries_.end() ? nullptr : found->second.source;
+    if (found == entries_.end()) return nullptr;
+    if (!found->second.retired) return found->second.source;
+    dropped = take(found);
+    return nullptr;
 }
 
 int Lane::nextTimeout() {

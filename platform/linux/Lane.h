@@ -60,6 +60,11 @@ public:
     // Returns its number, or 0 with errno set.
     std::uint64_t add(int fd, std::uint32_t events, std::shared_ptr<LaneSource> source);
     void remove(std::uint64_t id);
+    // Watches it no more, and keeps it.
+    void rest(std::uint64_t id);
+    // Removes it on the lane's thread, so that this one need not wait for what goes with it. Its descriptor must be at
+    // its end.
+    void retire(std::uint64_t id);
 
     // On the lane's thread only.
     void watch(std::uint64_t id, std::uint32_t events);
@@ -72,12 +77,14 @@ private:
         int fd;
         std::shared_ptr<LaneSource> source;
         Clock::time_point deadline;
+        bool retired = false;
     };
 
     void run();
     int nextTimeout();
     void runDeadlines(Clock::time_point now);
     std::shared_ptr<LaneSource> find(std::uint64_t id);
+    std::shared_ptr<LaneSource> take(std::unordered_map<std::uint64_t, Entry>::iterator found);
     void clearDeadline(std::uint64_t id, Entry& entry);
 
     std::mutex mutex_;

@@ -168,7 +168,10 @@ int Service::admit(PacketSocket& main, Peer peer, PacketSocket& theirControl, st
     Undo noClient([&] { releaseClient(peer.pid); });
     const auto admitted = std::make_shared<Session>(id, peer, std::move(main), std::move(control), Process::get().lane,
                                                     budget_, weak_from_this());
-    Undo noSession([&] { admitted->shutdown(); });
+    Undo noSession([&] {
+        admitted->shutdown();
+        Session::release(admitted);
+    });
     if (const int status = admitted->attach()) return status;
     std::lock_guard<std::mutex> lock(mutex_);
     if (stopped_) return -ECONNREFUSED;
@@ -201,12 +204,15 @@ void Service::releaseClientLocked(pid_t pid) {
     if (--use->second.clients == 0) peers_.erase(use);
 }
 
-void Service::forget(Session& session) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    sessions_.erase(session.id);
-    peers_.find(session.peer.pid)->second.channels -= session.channels;
-    releaseClientLocked(session.peer.pid);
-    Process::get().clientIds.release(session.id);
+void Service::forget(std::shared_ptr<Session> session) {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        sessions_.erase(session->id);
+        peers_.find(session->peer.pid)->second.channels -= session->channels;
+        releaseClientLocked(session->peer.pid);
+        Process::get().clientIds.release(session->id);
+    }
+    Session::release(std::move(session));
 }
 
 bool Service::reserveChannel(Session& session) {

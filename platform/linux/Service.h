@@ -64,7 +64,7 @@ private:
     int reserveClient(pid_t pid);
     void releaseClient(pid_t pid);
     void releaseClientLocked(pid_t pid);
-    void forget(Session& session);
+    void forget(std::shared_ptr<Session> session);
     std::shared_ptr<Session> find(std::uint16_t clientId);
     void wake();
 

@@ -70,7 +70,7 @@ void ServiceDelivery::serveEvents(int count) {
 bool ServiceDelivery::lookAgain() {
     const auto found = active_.find(latest_);
     if (found == active_.end() || !found->second->apart) return false;
-    const SessionPtr session = found->second;
+    SessionPtr session = found->second;
     if (session->unserved || session->holdReading()) return false;
     int status = 0;
     int others = 0;
@@ -85,7 +85,7 @@ bool ServiceDelivery::lookAgain() {
     } else {
         const bool good = attempt([&] { return !session->closed && handleAll(*session); });
         batch_->discard();
-        if (!good) leave(session);
+        if (!good) leave(std::move(session));
     }
     return true;
 }
@@ -101,7 +101,7 @@ void ServiceDelivery::finish() {
             if (service_.sessions_.empty()) return;
             remaining = service_.sessions_.begin()->second;
         }
-        service_.forget(*remaining);
+        service_.forget(std::move(remaining));
     }
 }
 
@@ -130,7 +130,7 @@ void ServiceDelivery::arrive(const SessionPtr& session) {
     } catch (...) {
         // Out of memory for this client: it alone is given up, before anybody has heard of it.
         session->shutdown();
-        service_.forget(*session);
+        service_.forget(session);
         return;
     }
     Call call = Call::event(NEX_NIPC_EVENT_CLIENT_CONNECTED, session->id);
@@ -193,8 +193,7 @@ void ServiceDelivery::leave(SessionPtr session) {
     watch(*session, EPOLL_CTL_DEL, 0);
     active_.erase(session->id);
     session->shutdown();
-    service_.forget(*session);
-    session.reset();
+    service_.forget(std::move(session));
     service_.upcall.run(call);
 }
 

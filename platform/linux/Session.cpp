@@ -200,25 +200,34 @@ void Session::shutdown() {
         std::lock_guard<std::mutex> lock(sendMutex_);
         closed = true;
         if (writableSource_ == 0) queue_.flush(main);
-        queue_.clear();
         unwatchWritable();
     }
-    lane_.remove(controlSource_);
+    // At whose end the lane shuts down the channels.
     control_.shutdown();
-    slots.shutdown();
     main.shutdown();
 }
 
+void Session::release(std::shared_ptr<Session> session) {
+    Lane& lane = session->lane_;
+    const std::uint64_t source = session->controlSource_;
+    session.reset();
+    lane.retire(source);
+}
+
 void Session::onControl(PacketBatch& scratch) {
+    if (!closed && !readControl(scratch)) shutdown();
+    if (!closed && scratch.status() != -ECONNRESET) return;
+    // A client that is leaving: what it sent before is still in the main socket, whose end is the session's.
+    lane_.rest(controlSource_);
+    slots.shutdown();
+}
+
+bool Session::readControl(PacketBatch& scratch) {
     scratch.receive(control_, Wait::No);
     while (const Packet* const packet = scratch.next()) {
-        if (!handleControl(*packet)) return shutdown();
+        if (!handleControl(*packet)) return false;
     }
-    if (scratch.status() == 0 || scratch.status() == -EAGAIN) return;
-    if (scratch.status() != -ECONNRESET) return shutdown();
-    // The client is leaving. What it sent before is still in the main socket, whose end is the session's.
-    lane_.remove(controlSource_);
-    slots.shutdown();
+    return scratch.status() == 0 || scratch.status() == -EAGAIN || scratch.status() == -ECONNRESET;
 }
 
 bool Session::handleControl(const Packet& packet) {

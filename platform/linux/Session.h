@@ -36,6 +36,8 @@ public:
     int share(OutgoingShare& share);
     int acknowledge();
     void shutdown();
+    // Lets go of one that was shut down. The lane closes its sockets and frees its queue, which may take a millisecond.
+    static void release(std::shared_ptr<Session> session);
     void sendGathered() noexcept override;
     void onGatherTimer() noexcept override;
 
@@ -57,6 +59,7 @@ public:
 
 private:
     void onControl(PacketBatch& scratch);
+    bool readControl(PacketBatch& scratch);
     bool handleControl(const Packet& packet);
     bool openChannel();
     void urged(std::uint32_t channel, std::uint32_t call);

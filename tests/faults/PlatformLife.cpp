@@ -39,7 +39,8 @@ public:
         return call([&] { return nexNipc_connect(&handle, &record); });
     }
     void disconnect() {
-        call([&] { return nexNipc_disconnect(&handle); });
+        if (handle >= 0) call([&] { return nexNipc_disconnect(&handle); });
+        handle = -1;
     }
     // 1 when the service said that it failed, 3 when the answer is another's or damaged.
     nex_status_t sync(std::uint32_t size) {
@@ -188,5 +189,7 @@ std::string platformLife(const std::string& directory) {
         steps.good("large sync", client.sync(100000)) && steps.good("request", client.request(kRequest, 100)) &&
         steps.good("served", End::await(service.requests, 3)) && exchangeShares(steps, service, client) &&
         crowd(steps, service, client);
+    client.disconnect();
+    if (service.connected > 0) soon([] { return End::gone > 0; }, 3s);
     return steps.failed;
 }

@@ -89,7 +89,9 @@ EXCEPT = {
     "Client::receive/poll": "waits for room to send; asked again when it fails",
     "Client::urge/poll": "only from inside a listener; the service is urged when it fails, as when nothing came",
     "Session::awaitRoom/ppoll": "waits a moment for room to send; what finds none is queued, failed or not",
-    "Lane::remove/epoll_ctl": "taking out what is in never fails",
+    "Lane::take/epoll_ctl": "taking out what is in never fails",
+    "Lane::rest/epoll_ctl": "taking out what is in never fails",
+    "Lane::retire/epoll_ctl": "taking out what is in never fails",
     "Lane::watch/epoll_ctl": "changing what is in never fails",
     "ownDirectory/stat": "only without NEX_NIPC_DIR",
 }
