@@ -10,6 +10,7 @@
 #include "Gathering.h"
 #include "PacketBatch.h"
 #include "SendQueue.h"
+#include "SharedBuffers.h"
 #include "Spin.h"
 #include "Upcall.h"
 
@@ -44,7 +45,7 @@ private:
     bool handleControl(Packet& packet);
 
     int send(const FrameHeader& header, const void* payload, int descriptor);
-    int sendFromListener(const FrameHeader& header, const void* payload);
+    int sendFromListener(FrameHeader header, const void* payload);
     int flushGathered() noexcept;
     int awaitGathered();
 
@@ -70,12 +71,14 @@ private:
     const std::chrono::microseconds spinLimit_;
     ChannelPool channels_;
     AckSequence acks_;
+    ReceiveBuffers incomingBuffers_;  // delivery thread
     std::atomic<std::uint64_t> controlSource_{0};
     std::atomic<std::uint32_t> lastCall_{0};
     std::atomic<bool> disconnected_{false};
 
     std::mutex gatherMutex_;
     SendQueue gathered_;
+    SendBuffers buffers_;
     std::atomic<bool> anyGathered_{false};
     bool full_ = false;   // the service did not take all of it
     bool timed_ = false;  // the timer will look for gathered frames

@@ -52,6 +52,8 @@ bool Client::handlePacket(Packet& packet) {
             return handleCallback(packet);
         case FrameType::Share:
             return handleShare(packet);
+        case FrameType::Buffers:
+            return incomingBuffers_.adopt(packet);
         default:
             return false;
     }
@@ -61,6 +63,7 @@ bool Client::handleCallback(Packet& packet) {
     const FrameHeader& header = packet.header;
     const bool descriptor = packet.hasDescriptor();
     if (hasOwnFrame(header.functionId) || packet.outOfLine() || descriptor) return false;
+    if (isBuffered(header) && !incomingBuffers_.fetch(packet)) return false;
     Call call;
     call.type = CALLBACK;
     call.peerId = uuid_;

@@ -30,16 +30,21 @@ int Client::send(const FrameHeader& header, const void* payload, int descriptor)
 
 // The delivery thread had better go on reading than wait for a service that may be waiting for it. -ENOBUFS when too
 // much is queued for that.
-int Client::sendFromListener(const FrameHeader& header, const void* payload) {
+int Client::sendFromListener(FrameHeader header, const void* payload) {
     std::lock_guard<std::mutex> lock(gatherMutex_);
-    bool gather = GatherScope::hasMore(*this) && isGathered(header, -1);
+    bool gather = GatherScope::hasMore(*this);
+    if (wantsBuffer(header) && (gather || !gathered_.empty())) buffers_.put(header, payload, main_);
+    gather = gather && isGathered(header);
     if (gather && !timed_) gather = timed_ = Process::get().gatherTimer->arm(shared_from_this());
     if (gathered_.empty() && !gather) {
         const int status = main_.send(header, payload, -1, Wait::No);
         if (status != -EAGAIN) return status;
         full_ = true;
     }
-    if (const int status = gathered_.push(header, payload, -1, false)) return status;
+    if (const int status = gathered_.push(header, payload, -1, false)) {
+        buffers_.cancel(header);
+        return status;
+    }
     anyGathered_ = true;
     if (full_ || (gather && !isEnough(gathered_.gatheredFrames(), gathered_.gatheredBytes(), header))) return 0;
     return flushGathered() == -ECONNRESET ? -ECONNRESET : 0;

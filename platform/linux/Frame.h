@@ -29,6 +29,7 @@ enum class FrameType : std::uint16_t {
     ChannelOpened = 10,  // control socket, to the client
     CloseChannel = 11,   // control socket, to the service
     Urge = 12,           // control socket, to the service
+    Buffers = 13,        // main socket, both directions
 };
 
 struct FrameHeader {
@@ -37,7 +38,8 @@ struct FrameHeader {
     std::uint32_t length = 0;    // of the payload, wherever it travels
     std::uint64_t context = 0;   // request context; SyncRequest: capacity of the answer; SyncReply: an errno
     std::uint32_t sequence = 0;  // of a share or a synchronous request; number of a channel
-    std::int32_t status = 0;     // SyncRequest: number of the channel that the answer goes to
+    std::int32_t status = 0;     // SyncRequest: number of the channel that the answer goes to;
+                                 // AsyncRequest, Callback: of the shared buffer with the payload, from 1, or 0
 };
 
 static_assert(offsetof(FrameHeader, functionId) == 2);
@@ -57,6 +59,14 @@ constexpr std::size_t aligned(std::size_t offset) {
 
 // Whether a frame may stand in a packet with others of its kind.
 inline bool sharesPacket(FrameType type) { return type == FrameType::AsyncRequest || type == FrameType::Callback; }
+
+// Whether its payload is in a shared buffer.
+inline bool isBuffered(const FrameHeader& header) { return header.status != 0 && sharesPacket(header.type); }
+
+// What of the payload stands behind the header.
+inline std::uint32_t inlineLength(const FrameHeader& header) {
+    return isBuffered(header) || header.length > kInlineLimit ? 0 : header.length;
+}
 
 // Functions that no ordinary frame carries: those of Share and Ack.
 inline bool hasOwnFrame(std::uint16_t functionId) {

@@ -16,6 +16,7 @@ constexpr std::chrono::microseconds kPause(20);
 constexpr std::chrono::microseconds kLongestPause(600);
 constexpr int kWeight = 32;  // some 100 frames after a long pause; one such pause does not end it
 constexpr std::chrono::nanoseconds kDelay(500000);
+constexpr std::uint32_t kLongestCopied = 2048;
 constexpr std::uint32_t kLargestGathered = 4096;
 constexpr unsigned kEnoughFrames = 32;
 // A packet that the kernel keeps in 8 KiB: for larger ones it takes fresh pages each time, cold and slow to fill.
@@ -60,12 +61,12 @@ bool isStreaming(Clock::time_point& toPeer) {
 
 void endSending() { stream.last = Clock::now(); }
 
-bool isGathered(const FrameHeader& header, int descriptor) {
-    return descriptor < 0 && sharesPacket(header.type) && header.length <= kLargestGathered;
-}
+bool wantsBuffer(const FrameHeader& header) { return inlineLength(header) > kLongestCopied; }
+
+bool isGathered(const FrameHeader& header) { return inlineLength(header) <= kLargestGathered; }
 
 bool isEnough(unsigned frames, std::size_t bytes, const FrameHeader& another) {
-    return frames >= kEnoughFrames || aligned(bytes) + sizeof(another) + another.length > kEnoughBytes;
+    return frames >= kEnoughFrames || aligned(bytes) + sizeof(another) + inlineLength(another) > kEnoughBytes;
 }
 
 bool GatherTimer::open() {

@@ -51,9 +51,11 @@ bool isStreaming(std::chrono::steady_clock::time_point& toPeer);
 // That it has sent one, which may have taken longer than any pause of a stream.
 void endSending();
 
-// Whether such a frame is worth gathering, and whether a packet of that much should go rather than wait for another
-// such frame.
-bool isGathered(const FrameHeader& header, int descriptor);
+// Whether a frame that could be gathered had better leave its payload in a shared buffer.
+bool wantsBuffer(const FrameHeader& header);
+// Whether a frame is short enough to be gathered as it is, and whether a packet of that much should go rather than wait
+// for another such frame.
+bool isGathered(const FrameHeader& header);
 bool isEnough(unsigned frames, std::size_t bytes, const FrameHeader& another);
 
 // One for the process, on the lane.

@@ -99,7 +99,7 @@ bool PacketBatch::take(Arrival& arrival) {
     if (left < sizeof(FrameHeader)) return false;
     char* const start = bytes_.get() + current_ * kStride + 8 + offset_;
     std::memcpy(&frame_.header, start, sizeof(FrameHeader));
-    const std::size_t size = sizeof(FrameHeader) + (frame_.outOfLine() ? 0 : frame_.header.length);
+    const std::size_t size = sizeof(FrameHeader) + inlineLength(frame_.header);
     if (size > left) return false;
     frame_.payload = start + sizeof(FrameHeader);
     frame_.descriptor = std::move(arrival.descriptor);

@@ -17,7 +17,7 @@ public:
 
     // Of an inline frame.
     bool fits(const FrameHeader& header) const {
-        return aligned(size_) + sizeof(header) + header.length <= kPacketLimit;
+        return aligned(size_) + sizeof(header) + inlineLength(header) <= kPacketLimit;
     }
     // Only what fits.
     void add(const FrameHeader& header, const void* payload) {
@@ -25,8 +25,9 @@ public:
         for (const std::size_t start = aligned(size_); size_ < start;) bytes_[size_++] = 0;
         std::memcpy(bytes_.get() + size_, &header, sizeof(header));
         size_ += sizeof(header);
-        if (header.length > 0) std::memcpy(bytes_.get() + size_, payload, header.length);
-        size_ += header.length;
+        const std::size_t length = inlineLength(header);
+        if (length > 0) std::memcpy(bytes_.get() + size_, payload, length);
+        size_ += length;
         ++frames_;
     }
     void clear() {

@@ -59,7 +59,7 @@ int PacketSocket::repeat(const Send& send) const {
 }
 
 int PacketSocket::send(const FrameHeader& header, const void* payload, int descriptor, Wait wait) const {
-    const std::size_t length = payload == nullptr || header.length > kInlineLimit ? 0 : header.length;
+    const std::size_t length = payload == nullptr ? 0 : inlineLength(header);
     const std::size_t size = sizeof(header) + length;
     if (descriptor < 0 && size <= kCopyLimit) {
         char packet[kCopyLimit];

@@ -205,6 +205,8 @@ bool ServiceDelivery::handle(Session& session, Packet& packet) {
             return handleSync(session, packet);
         case FrameType::Share:
             return handleShare(session, packet);
+        case FrameType::Buffers:
+            return session.incomingBuffers.adopt(packet);
         default:
             return false;
     }
@@ -214,6 +216,7 @@ bool ServiceDelivery::handleAsync(Session& session, Packet& packet) {
     const FrameHeader& header = packet.header;
     const bool descriptor = packet.hasDescriptor();
     if (hasOwnFrame(header.functionId) || packet.outOfLine() || descriptor) return false;
+    if (isBuffered(header) && !session.incomingBuffers.fetch(packet)) return false;
     Call call;
     call.type = ASYNC_FUNCTION;
     call.peerId = session.id;

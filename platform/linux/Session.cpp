@@ -38,9 +38,11 @@ int Session::attach() {
     return controlSource_ != 0 ? 0 : -errno;
 }
 
-int Session::send(const FrameHeader& header, const void* payload, bool isAnswer) {
+int Session::send(FrameHeader header, const void* payload, bool isAnswer) {
     std::unique_lock<std::mutex> lock(sendMutex_);
-    if (isAnswer && !closed && queue_.empty() && !isGathered(header, -1) && GatherScope::delivers(*this)) {
+    if (closed) return -ENOTCONN;
+    const bool gather = gathers(header, payload, isAnswer);
+    if (isAnswer && queue_.empty() && !isGathered(header) && GatherScope::delivers(*this)) {
         const int status = main.send(header, payload, -1, Wait::No);
         if (status != -EAGAIN) return status == -ECONNRESET ? -ENOTCONN : status;
         lock.unlock();
@@ -51,7 +53,9 @@ int Session::send(const FrameHeader& header, const void* payload, bool isAnswer)
             if (const int failed = watchWritable()) return failed;
         }
     }
-    return sendLocked(header, payload, -1, isAnswer);
+    const int status = sendLocked(header, payload, -1, isAnswer, gather);
+    if (status != 0) buffers_.cancel(header);
+    return status;
 }
 
 // A client that is just taking its answers spares the next one the queue, which copies it and wakes the lane. Once one
@@ -64,7 +68,7 @@ bool Session::awaitRoom() const {
 int Session::share(OutgoingShare& outgoing) {
     std::lock_guard<std::mutex> lock(sendMutex_);
     if (const int status = acks.next(outgoing.descriptor, outgoing.header.sequence)) return status;
-    const int status = sendLocked(outgoing.header, outgoing.metadata, outgoing.descriptor, outgoing.isAnswer);
+    const int status = sendLocked(outgoing.header, outgoing.metadata, outgoing.descriptor, outgoing.isAnswer, false);
     if (status != 0) acks.cancel(outgoing.header.sequence);
     return status;
 }
@@ -77,9 +81,8 @@ int Session::acknowledge() {
     return status == -ECONNRESET ? -ENOTCONN : status;
 }
 
-int Session::sendLocked(const FrameHeader& header, const void* payload, int descriptor, bool isAnswer) {
+int Session::sendLocked(const FrameHeader& header, const void* payload, int descriptor, bool isAnswer, bool gather) {
     if (closed) return -ENOTCONN;
-    const bool gather = gathers(header, descriptor, isAnswer);
     if (queue_.empty() && writableSource_ == 0 && !gather) {
         int status = main.send(header, payload, descriptor, Wait::No);
         endSending();
@@ -99,9 +102,10 @@ int Session::sendLocked(const FrameHeader& header, const void* payload, int desc
 }
 
 // Whether a frame may wait for others; not without the timer. Somebody waits for an answer.
-bool Session::gathers(const FrameHeader& header, int descriptor, bool isAnswer) {
+bool Session::gathers(FrameHeader& header, const void* payload, bool isAnswer) {
     const bool more = GatherScope::hasMore(*this) || (!isAnswer && isStreaming(latest_));
-    if (!more || !isGathered(header, descriptor)) return false;
+    if (wantsBuffer(header) && (more || !queue_.empty())) buffers_.put(header, payload, main);
+    if (!more || !isGathered(header)) return false;
     if (!timed_) timed_ = Process::get().gatherTimer->arm(shared_from_this());
     return timed_;
 }

@@ -13,6 +13,7 @@
 #include "PacketBatch.h"
 #include "SendQueue.h"
 #include "ShareFrame.h"
+#include "SharedBuffers.h"
 #include "SyncSlots.h"
 #include "Trust.h"
 
@@ -32,7 +33,7 @@ public:
     int attach();
 
     // Any thread; none of them blocks, but that the delivery thread gives a client a moment to take a long answer.
-    int send(const FrameHeader& header, const void* payload, bool isAnswer);
+    int send(FrameHeader header, const void* payload, bool isAnswer);
     int share(OutgoingShare& share);
     int acknowledge();
     void shutdown();
@@ -54,6 +55,7 @@ public:
     SyncSlots slots;
     AckSequence acks;
     unsigned channels = 0;                  // the service's to count
+    ReceiveBuffers incomingBuffers;         // delivery thread
     std::unique_ptr<PacketBatch> unserved;  // delivery thread: what was read before its requests had to wait
     std::atomic<bool> closed{false};
 
@@ -64,8 +66,8 @@ private:
     bool openChannel();
     void urged(std::uint32_t channel, std::uint32_t call);
     void onWritable();
-    int sendLocked(const FrameHeader& header, const void* payload, int descriptor, bool isAnswer);
-    bool gathers(const FrameHeader& header, int descriptor, bool isAnswer);
+    int sendLocked(const FrameHeader& header, const void* payload, int descriptor, bool isAnswer, bool gather);
+    bool gathers(FrameHeader& header, const void* payload, bool isAnswer);
     int flushGathered() noexcept;
     bool awaitRoom() const;
     int watchWritable();
@@ -78,6 +80,7 @@ private:
 
     std::mutex sendMutex_;  // taken before the lane's
     SendQueue queue_;
+    SendBuffers buffers_;
     std::uint64_t writableSource_ = 0;
     bool held_ = false;   // its requests are not read
     bool urged_ = false;  // they must be, until this call is served

@@ -52,7 +52,7 @@ public:
         return record.responseLength == size && response == request ? 0 : 3;
     }
     nex_status_t request(std::uint16_t id, std::uint32_t size) {
-        const std::string data(size, 'r');
+        static const std::string data(5000, 'r');
         AsyncRpcRecord record{};
         record.functionId = record.functionIdAgain = id;
         record.payload = data.data();
@@ -119,7 +119,9 @@ private:
             case kEvent:
                 soon([this] { return open.load(); }, 10s);
                 // Many of these are gathered; those before a pause are not kept waiting.
-                if (const nex_status_t status = request(kAside, 10)) refused = status;
+                for (const std::uint32_t size : {10U, 5000U}) {
+                    if (const nex_status_t status = request(kAside, size)) refused = status;
+                }
                 if (++events % 20 == 0) std::this_thread::sleep_for(2ms);
                 break;
             case kAside:
@@ -150,7 +152,7 @@ bool crowd(Steps& steps, End& service, End& client) {
     return queued && steps.good("events", End::await(client.events, kEvents)) &&
            steps.good("share after events", End::await(client.shares)) &&
            steps.good("request from inside", client.refused) &&
-           steps.good("requests from inside", End::await(service.asides, kEvents)) &&
+           steps.good("requests from inside", End::await(service.asides, 2 * kEvents)) &&
            steps.good("request after events", End::await(service.requests, 4));
 }
 

@@ -200,6 +200,7 @@ NIPCTEST_CALL(ssize_t, write, (int fd, const void* data, std::size_t size), (fd,
 NIPCTEST_CALL(ssize_t, pread, (int fd, void* data, std::size_t size, off_t at), (fd, data, size, at))
 NIPCTEST_CALL(ssize_t, pwrite, (int fd, const void* data, std::size_t size, off_t at), (fd, data, size, at))
 NIPCTEST_CALL(int, memfd_create, (const char* name, unsigned flags), (name, flags))
+NIPCTEST_CALL(int, fallocate, (int fd, int mode, off_t from, off_t size), (fd, mode, from, size))
 NIPCTEST_CALL(int, ftruncate, (int fd, off_t size), (fd, size))
 NIPCTEST_CALL(void*, mmap, (void* at, std::size_t size, int protection, int flags, int fd, off_t offset),
               (at, size, protection, flags, fd, offset))

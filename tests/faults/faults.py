@@ -29,6 +29,7 @@ ERRORS = {
     "epoll_ctl": ["ENOMEM", "ENOSPC"],
     "epoll_wait": ["EINTR"],
     "eventfd": NO_DESCRIPTOR,
+    "fallocate": ["EINTR", "ENOSPC", "ENOMEM"],
     "fchmod": ["EPERM", "EROFS"],
     "fchown": ["EPERM", "EROFS"],
     "fcntl": ["EPERM"],

@@ -7,6 +7,7 @@
 #include "FuzzInput.h"
 #include "Process.h"
 #include "RawPeer.h"
+#include "cutils/ashmem.h"
 
 using namespace nexnipc;
 
@@ -32,13 +33,13 @@ struct Service {
     const nipctest::ServiceDirectory directory;
     Endpoint endpoint{serve};
     const std::vector<int> descriptors{regionOf("region"), open("/dev/null", O_RDWR | O_CLOEXEC),
-                                       open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC),
+                                       ashmem_create_region("buffers", 1U << 20U),
                                        socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
 };
 
 FrameHeader headerFrom(FuzzInput& input) {
     constexpr std::uint16_t functions[] = {kEvent, kAnswer, kShare, kAcknowledge, kFlood, 1000, 1001, 65524, 65525, 0};
-    FrameHeader frame = header(static_cast<FrameType>(input.byte() % 13), functions[input.byte() % 10], 0);
+    FrameHeader frame = header(static_cast<FrameType>(input.byte() % 14), functions[input.byte() % 10], 0);
     frame.context = input.byte() % 4 * 16384U;
     frame.sequence = input.byte() % 5;
     frame.status = input.byte() % 3 - 1;

@@ -42,7 +42,8 @@ std::vector<std::string> payloads(const RawPeer& peer, std::size_t count, std::s
         for (std::size_t at = 0; at + sizeof(FrameHeader) <= bytes.size();) {
             FrameHeader frame;
             std::memcpy(&frame, bytes.data() + at, sizeof frame);
-            all.push_back(bytes.substr(at + sizeof frame, frame.length));
+            // An offer that is not taken up.
+            if (frame.type != FrameType::Buffers) all.push_back(bytes.substr(at + sizeof frame, frame.length));
             at = aligned(at + sizeof frame + frame.length);
         }
     }

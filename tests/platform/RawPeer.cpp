@@ -170,6 +170,10 @@ const std::vector<Violation> kToService = {
     {"a request on the control lane", header(FrameType::AsyncRequest, kFunction, 0), 0, 0, true},
     {"an acknowledgement of nothing known", header(FrameType::Ack, 1001, 0), 0, 0, true},
     {"a channel with a descriptor", header(FrameType::OpenChannel, 0, 0), 0, 1, true},
+    {"a payload in a buffer of nobody", header(FrameType::AsyncRequest, kFunction, 5, 0, 0, 1), 0},
+    {"buffers without memory", header(FrameType::Buffers, 0, 0), 0},
+    {"buffers in what is no memory", header(FrameType::Buffers, 0, 0), 0, 1},
+    {"buffers on the control lane", header(FrameType::Buffers, 0, 0), 0, 1, true},
     {"an end of a channel of nobody", header(FrameType::CloseChannel, 0, 0, 0, 5), 0, 0, true},
 };
 
@@ -184,6 +188,9 @@ const std::vector<Violation> kToClient = {
     {"the other side's as event", header(FrameType::Callback, 1000, 0), 0},
     {"a descriptor unasked", header(FrameType::Callback, kFunction, 0), 0, 1},
     {"metadata without end", header(FrameType::Share, 0, 65), 65},
+    {"a payload in a buffer of nobody", header(FrameType::Callback, kFunction, 5, 0, 0, 1), 0},
+    {"buffers without memory", header(FrameType::Buffers, 0, 0), 0},
+    {"buffers in what is no memory", header(FrameType::Buffers, 0, 0), 0, 1},
     {"an event on the control lane", header(FrameType::Callback, kFunction, 0), 0, 0, true},
     {"a channel unasked", header(FrameType::ChannelOpened, 0, 0), 0, 1, true},
 };

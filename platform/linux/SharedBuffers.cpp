@@ -1,0 +1,132 @@
+#include "SharedBuffers.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+
+#include "SealedMemory.h"
+
+namespace nexnipc {
+namespace {
+
+constexpr std::size_t kControlSize = 4096;
+constexpr std::size_t kSize = kControlSize + SharedBuffers::kCount * std::size_t{kInlineLimit};
+constexpr unsigned kBeforeOffer = 64;
+// Of one process: half a megabyte each.
+constexpr unsigned kReceivers = 16;
+constexpr unsigned kSenders = 64;
+
+std::atomic<unsigned> receivers{0};
+std::atomic<unsigned> senders{0};
+
+}  // namespace
+
+// Each side writes to a cache line of its own.
+struct SharedBuffers::Control {
+    std::atomic<std::uint32_t> ready;
+    alignas(64) std::atomic<std::uint32_t> released;
+};
+static_assert(std::atomic<std::uint32_t>::is_always_lock_free && SharedBuffers::kCount == 32);
+
+SharedBuffers::~SharedBuffers() {
+    if (mapped()) ::munmap(control_, kSize);
+}
+
+int SharedBuffers::make(Fd& region) {
+    if (const int status = makeSealedRegion("nipc-buffers", kSize, region)) return status;
+    // Now, when want of memory is an error; at the first touch of a page it is a signal.
+    int status = 0;
+    do {
+        status = ::fallocate(region.get(), 0, 0, static_cast<off_t>(kSize));
+    } while (status != 0 && errno == EINTR);
+    return status == 0 ? 0 : -errno;
+}
+
+int SharedBuffers::map(int region) {
+    if (!isSealedRegion(region, kSize)) return -EPROTO;
+    void* const mapped = ::mmap(nullptr, kSize, PROT_READ | PROT_WRITE, MAP_SHARED, region, 0);
+    if (mapped == MAP_FAILED) return -errno;
+    control_ = static_cast<Control*>(mapped);
+    return 0;
+}
+
+void SharedBuffers::setReady() { control_->ready.store(1, std::memory_order_release); }
+
+bool SharedBuffers::isReady() const { return control_->ready.load(std::memory_order_acquire) == 1; }
+
+void SharedBuffers::release(unsigned number) { control_->released.fetch_or(1U << number, std::memory_order_release); }
+
+std::uint32_t SharedBuffers::takeReleased() { return control_->released.exchange(0, std::memory_order_acquire); }
+
+char* SharedBuffers::at(unsigned number) const {
+    return reinterpret_cast<char*>(control_) + kControlSize + number * std::size_t{kInlineLimit};
+}
+
+SendBuffers::~SendBuffers() {
+    if (counted_) --receivers;
+}
+
+SendBuffers::State SendBuffers::make() {
+    counted_ = true;
+    if (++receivers > kReceivers) return State::Impossible;
+    if (SharedBuffers::make(region_) != 0 || memory_.map(region_.get()) != 0) return State::Impossible;
+    return State::Made;
+}
+
+bool SendBuffers::offer(const PacketSocket& socket) {
+    if (state_ == State::None) state_ = make();
+    if (state_ == State::Made) {
+        FrameHeader header;
+        header.type = FrameType::Buffers;
+        const int status = socket.send(header, nullptr, region_.get(), Wait::No);
+        if (status == -EAGAIN) return false;
+        state_ = status == 0 ? State::Offered : State::Impossible;
+    }
+    region_.reset();
+    return state_ == State::Offered && memory_.isReady();
+}
+
+bool SendBuffers::put(FrameHeader& header, const void* payload, const PacketSocket& socket) {
+    if (wanted_ < kBeforeOffer) ++wanted_;
+    if (wanted_ < kBeforeOffer || !offer(socket)) return false;
+    free_ |= memory_.takeReleased();
+    if (free_ == 0) return false;
+    // The lowest: what was used last is still in the cache.
+    const auto number = static_cast<unsigned>(__builtin_ctz(free_));
+    free_ &= ~(1U << number);
+    std::memcpy(memory_.at(number), payload, header.length);
+    header.status = static_cast<std::int32_t>(number) + 1;
+    return true;
+}
+
+void SendBuffers::cancel(const FrameHeader& header) {
+    if (isBuffered(header)) free_ |= 1U << (header.status - 1);
+}
+
+ReceiveBuffers::~ReceiveBuffers() {
+    if (counted_) --senders;
+}
+
+bool ReceiveBuffers::adopt(const Packet& packet) {
+    if (offered_ || packet.header.length != 0 || !packet.hasDescriptor()) return false;
+    offered_ = counted_ = true;
+    if (++senders > kSenders || packet.descriptorLost) return true;
+    copy_.reset(new char[kInlineLimit]);
+    const int status = memory_.map(packet.descriptor.get());
+    if (status == 0) memory_.setReady();
+    return status != -EPROTO;
+}
+
+bool ReceiveBuffers::fetch(Packet& packet) {
+    const std::int32_t number = packet.header.status;
+    if (!memory_.mapped() || number < 1 || number > static_cast<std::int32_t>(SharedBuffers::kCount)) return false;
+    std::memcpy(copy_.get(), memory_.at(static_cast<unsigned>(number - 1)), packet.header.length);
+    memory_.release(static_cast<unsigned>(number - 1));
+    packet.payload = copy_.get();
+    return true;
+}
+
+}  // namespace nexnipc
