@@ -104,7 +104,8 @@ int Session::sendLocked(const FrameHeader& header, const void* payload, int desc
 // Whether a frame may wait for others; not without the timer. Somebody waits for an answer.
 bool Session::gathers(FrameHeader& header, const void* payload, bool isAnswer) {
     const bool more = GatherScope::hasMore(*this) || (!isAnswer && isStreaming(latest_));
-    if (wantsBuffer(header) && (more || !queue_.empty())) buffers_.put(header, payload, main);
+    if (wantsBuffer(header) && (more || !queue_.empty()) && (writableSource_ == 0 || buffers_.offered()))
+        buffers_.put(header, payload, main);
     if (!more || !isGathered(header)) return false;
     if (!timed_) timed_ = Process::get().gatherTimer->arm(shared_from_this());
     return timed_;

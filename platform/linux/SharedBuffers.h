@@ -46,6 +46,8 @@ public:
     // Puts the payload into a buffer, whose number it writes into the header. False when that cannot be: the receiver
     // has none, which it is offered when many such frames were to be sent, or has not released any.
     bool put(FrameHeader& header, const void* payload, const PacketSocket& socket);
+    // They have been: before, who does not read what is sent need not be asked.
+    bool offered() const { return state_ == State::Offered; }
     // Takes back what was put for a frame that does not go.
     void cancel(const FrameHeader& header);
 
