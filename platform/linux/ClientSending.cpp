@@ -5,6 +5,7 @@
 
 #include "Client.h"
 #include "Process.h"
+#include "Undo.h"
 
 namespace nexnipc {
 namespace {
@@ -32,19 +33,20 @@ int Client::send(const FrameHeader& header, const void* payload, int descriptor)
 // much is queued for that.
 int Client::sendFromListener(FrameHeader header, const void* payload) {
     std::lock_guard<std::mutex> lock(gatherMutex_);
+    Undo unused([&] { buffers_.cancel(header); });
     bool gather = GatherScope::hasMore(*this);
-    if (wantsBuffer(header) && (gather || !gathered_.empty())) buffers_.put(header, payload, main_);
+    if (wantsBuffer(header) && (gather || !gathered_.empty()) && (!full_ || buffers_.offered()))
+        buffers_.put(header, payload, main_);
     gather = gather && isGathered(header);
     if (gather && !timed_) gather = timed_ = Process::get().gatherTimer->arm(shared_from_this());
     if (gathered_.empty() && !gather) {
         const int status = main_.send(header, payload, -1, Wait::No);
+        if (status == 0) unused.dismiss();
         if (status != -EAGAIN) return status;
         full_ = true;
     }
-    if (const int status = gathered_.push(header, payload, -1, false)) {
-        buffers_.cancel(header);
-        return status;
-    }
+    if (const int status = gathered_.push(header, payload, -1, false)) return status;
+    unused.dismiss();
     anyGathered_ = true;
     if (full_ || (gather && !isEnough(gathered_.gatheredFrames(), gathered_.gatheredBytes(), header))) return 0;
     return flushGathered() == -ECONNRESET ? -ECONNRESET : 0;

@@ -7,7 +7,8 @@
 
 namespace nexnipc {
 
-// A frame that arrived. The payload is writable and stays until the batch is used again.
+// A frame that arrived. The payload is writable and stays until the batch is used again; one that was fetched from a
+// shared buffer, until the next is.
 struct Packet {
     FrameHeader header;
     char* payload = nullptr;  // header.length bytes; kInlineLimit of them where the frame has its packet to itself

@@ -9,6 +9,7 @@
 #include "Process.h"
 #include "Service.h"
 #include "Spin.h"
+#include "Undo.h"
 #include "nex_nipc.h"
 
 namespace nexnipc {
@@ -41,6 +42,7 @@ int Session::attach() {
 int Session::send(FrameHeader header, const void* payload, bool isAnswer) {
     std::unique_lock<std::mutex> lock(sendMutex_);
     if (closed) return -ENOTCONN;
+    Undo unused([&] { buffers_.cancel(header); });
     const bool gather = gathers(header, payload, isAnswer);
     if (isAnswer && queue_.empty() && !isGathered(header) && GatherScope::delivers(*this)) {
         const int status = main.send(header, payload, -1, Wait::No);
@@ -54,7 +56,7 @@ int Session::send(FrameHeader header, const void* payload, bool isAnswer) {
         }
     }
     const int status = sendLocked(header, payload, -1, isAnswer, gather);
-    if (status != 0) buffers_.cancel(header);
+    if (status == 0) unused.dismiss();
     return status;
 }
 
@@ -84,21 +86,30 @@ int Session::acknowledge() {
 int Session::sendLocked(const FrameHeader& header, const void* payload, int descriptor, bool isAnswer, bool gather) {
     if (closed) return -ENOTCONN;
     if (queue_.empty() && writableSource_ == 0 && !gather) {
-        int status = main.send(header, payload, descriptor, Wait::No);
-        endSending();
-        if (status == -EAGAIN)
-            status = watchWritable();
-        else
-            return status == -ECONNRESET ? -ENOTCONN : status;
-        if (status != 0) return status;
+        const int status = sendNow(header, payload, descriptor);
+        if (status != -EAGAIN) return status;
+        if (const int failed = watchWritable()) return failed;
     }
     if (const int status = queue_.push(header, payload, descriptor, isAnswer)) {
+        // Where others have filled up what all queues may hold, this frame need not stand in one.
+        if (writableSource_ == 0) {
+            if (const int gone = flushGathered()) return gone;
+            const int sent = queue_.empty() ? sendNow(header, payload, descriptor) : -EAGAIN;
+            if (sent != -EAGAIN) return sent;
+        }
         if (queue_.empty()) unwatchWritable();
         return status;
     }
+    if (isBuffered(header)) endSending();
     const bool wait =
         writableSource_ != 0 || (gather && !isEnough(queue_.gatheredFrames(), queue_.gatheredBytes(), header));
     return wait ? 0 : flushGathered();
+}
+
+int Session::sendNow(const FrameHeader& header, const void* payload, int descriptor) const {
+    const int status = main.send(header, payload, descriptor, Wait::No);
+    endSending();
+    return status == -ECONNRESET ? -ENOTCONN : status;
 }
 
 // Whether a frame may wait for others; not without the timer. Somebody waits for an answer.

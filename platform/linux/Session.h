@@ -66,6 +66,7 @@ private:
     bool openChannel();
     void urged(std::uint32_t channel, std::uint32_t call);
     void onWritable();
+    int sendNow(const FrameHeader& header, const void* payload, int descriptor) const;
     int sendLocked(const FrameHeader& header, const void* payload, int descriptor, bool isAnswer, bool gather);
     bool gathers(FrameHeader& header, const void* payload, bool isAnswer);
     int flushGathered() noexcept;

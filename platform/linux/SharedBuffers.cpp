@@ -2,10 +2,12 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <new>
 
 #include "SealedMemory.h"
 
@@ -22,6 +24,12 @@ constexpr unsigned kSenders = 64;
 std::atomic<unsigned> receivers{0};
 std::atomic<unsigned> senders{0};
 
+bool takePlace(std::atomic<unsigned>& taken, unsigned limit) {
+    if (taken.fetch_add(1) < limit) return true;
+    --taken;
+    return false;
+}
+
 }  // namespace
 
 // Each side writes to a cache line of its own.
@@ -36,6 +44,9 @@ SharedBuffers::~SharedBuffers() {
 }
 
 int SharedBuffers::make(Fd& region) {
+    // Beyond that limit there would be a signal.
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_FSIZE, &limit) == 0 && limit.rlim_cur < kSize) return -EFBIG;
     if (const int status = makeSealedRegion("nipc-buffers", kSize, region)) return status;
     // Now, when want of memory is an error; at the first touch of a page it is a signal.
     int status = 0;
@@ -70,10 +81,14 @@ SendBuffers::~SendBuffers() {
 }
 
 SendBuffers::State SendBuffers::make() {
-    counted_ = true;
-    if (++receivers > kReceivers) return State::Impossible;
-    if (SharedBuffers::make(region_) != 0 || memory_.map(region_.get()) != 0) return State::Impossible;
-    return State::Made;
+    if (!takePlace(receivers, kReceivers)) {
+        wanted_ = 0;  // Asks again later.
+        return State::None;
+    }
+    counted_ = SharedBuffers::make(region_) == 0 && memory_.map(region_.get()) == 0;
+    if (counted_) return State::Made;
+    --receivers;
+    return State::Impossible;
 }
 
 bool SendBuffers::offer(const PacketSocket& socket) {
@@ -112,11 +127,16 @@ ReceiveBuffers::~ReceiveBuffers() {
 
 bool ReceiveBuffers::adopt(const Packet& packet) {
     if (offered_ || packet.header.length != 0 || !packet.hasDescriptor()) return false;
-    offered_ = counted_ = true;
-    if (++senders > kSenders || packet.descriptorLost) return true;
-    copy_.reset(new char[kInlineLimit]);
+    offered_ = true;
+    copy_.reset(new (std::nothrow) char[kInlineLimit]);
+    if (!copy_ || packet.descriptorLost || !takePlace(senders, kSenders)) return true;
     const int status = memory_.map(packet.descriptor.get());
-    if (status == 0) memory_.setReady();
+    counted_ = status == 0;
+    if (counted_) {
+        memory_.setReady();
+    } else {
+        --senders;
+    }
     return status != -EPROTO;
 }
 

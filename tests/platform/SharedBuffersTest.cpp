@@ -151,6 +151,45 @@ TEST_F(SharedBuffersTest, AreUsedWhenTheReceiverIsReadyAndAsFarAsItReleasesThem)
     }
 }
 
+TEST_F(SharedBuffersTest, AreForAFewPeersAtATime) {
+    ASSERT_TRUE(eventually([] { return mappedBuffers() == 0; })) << "of tests before this one";
+    Endpoint service([](Endpoint& self, const Message& message, nexNipc_parameter_t&) {
+        if (message.id == kRequest) self.callback(message.peer, kEvent, textOf(0), contextOf(1));
+    });
+    ASSERT_EQ(service.start(kUuid), 0);
+    const auto isOffered = [&](const RawClient& peer) {
+        RawPeer region;
+        for (unsigned i = 0; i < 10 && !region.valid(); ++i) {
+            EXPECT_TRUE(peer.main.send(requests(0, 20)));
+            answers(peer.main, 20, &region);
+        }
+        return region.valid();
+    };
+    std::vector<RawClient> peers(18);
+    for (std::size_t i = 0; i < peers.size(); ++i) {
+        peers[i] = letIn();
+        EXPECT_EQ(isOffered(peers[i]), i < 16);
+    }
+    peers[0] = RawClient();
+    service.next(NEX_NIPC_EVENT_CLIENT_DISCONNECTED);
+    EXPECT_TRUE(eventually([&] { return isOffered(peers[17]); })) << "asked once, refused for ever";
+
+    peers.clear();
+    std::vector<SharedBuffers> buffers(66);
+    unsigned ready = 0;
+    for (SharedBuffers& each : buffers) {
+        peers.push_back(letIn());
+        Fd region;
+        EXPECT_EQ(SharedBuffers::make(region), 0);
+        EXPECT_EQ(each.map(region.get()), 0);
+        EXPECT_TRUE(peers.back().main.send(packet(header(FrameType::Buffers, 0, 0), 0), {region.get()}));
+        EXPECT_TRUE(peers.back().main.send(requests(0, 1)));
+        EXPECT_EQ(answers(peers.back().main, 1).size(), 1U);
+        ready += each.isReady() ? 1 : 0;
+    }
+    EXPECT_EQ(ready, 64U);
+}
+
 TEST_F(SharedBuffersTest, AHandlerSeesWhatNobodyChanges) {
     SharedBuffers buffers;
     std::string before, after;
