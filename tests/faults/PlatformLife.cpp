@@ -156,6 +156,20 @@ bool crowd(Steps& steps, End& service, End& client) {
            steps.good("request after events", End::await(service.requests, 4));
 }
 
+// Few enough that nothing is held back: what the listener sends meanwhile is a stream of long requests.
+bool stream(Steps& steps, End& service, End& client) {
+    const int events = client.events + kEvents;
+    const int asides = service.asides + 2 * kEvents;
+    client.open = false;
+    for (int i = 0; i < kEvents; ++i) {
+        if (!steps.good("event", service.callback(service.client, kEvent, 100))) break;
+    }
+    client.open = true;
+    return steps.failed.empty() && steps.good("events", End::await(client.events, events)) &&
+           steps.good("request from inside", client.refused) &&
+           steps.good("requests from inside", End::await(service.asides, asides));
+}
+
 bool exchangeShares(Steps& steps, End& service, End& client) {
     const int before = client.shares;
     return steps.good("share to service", client.share(0)) &&
@@ -190,7 +204,7 @@ std::string platformLife(const std::string& directory) {
         steps.good("client connected", End::await(service.connected)) && steps.good("sync", client.sync(100)) &&
         steps.good("large sync", client.sync(100000)) && steps.good("request", client.request(kRequest, 100)) &&
         steps.good("served", End::await(service.requests, 3)) && exchangeShares(steps, service, client) &&
-        crowd(steps, service, client);
+        crowd(steps, service, client) && stream(steps, service, client);
     client.disconnect();
     if (service.connected > 0) soon([] { return End::gone > 0; }, 3s);
     return steps.failed;
