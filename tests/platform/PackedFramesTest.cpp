@@ -7,7 +7,6 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
-#include <list>
 #include <thread>
 #include <tuple>
 
@@ -40,12 +39,9 @@ std::vector<std::string> payloads(const RawPeer& peer, std::size_t count, std::s
     while (all.size() < count && peer.receive(bytes, descriptor)) {
         if (packets != nullptr) ++*packets;
         if (largest != nullptr) *largest = std::max(*largest, bytes.size());
-        for (std::size_t at = 0; at + sizeof(FrameHeader) <= bytes.size();) {
-            FrameHeader frame;
-            std::memcpy(&frame, bytes.data() + at, sizeof frame);
+        for (RawFrame& frame : framesOf(bytes)) {
             // An offer that is not taken up.
-            if (frame.type != FrameType::Buffers) all.push_back(bytes.substr(at + sizeof frame, frame.length));
-            at = aligned(at + sizeof frame + frame.length);
+            if (frame.header.type != FrameType::Buffers) all.push_back(std::move(frame.payload));
         }
     }
     return all;
@@ -291,40 +287,6 @@ TEST_F(PackedFramesTest, AnswersToOnePacketDoNotOutgrowTheirQueue) {
         peer = RawClient();  // Whose answers may be lost from here on.
         for (unsigned i = 0; i < kCount; ++i) EXPECT_EQ(service.next(kRequest).data, std::to_string(i));
     }
-}
-
-TEST_F(PackedFramesTest, ClientsThatDoNotReadCostTheOthersNoAnswer) {
-    std::atomic<std::size_t> length{0};
-    std::atomic<unsigned> lost{0};
-    Endpoint service([&](Endpoint& self, const Message& message, nexNipc_parameter_t&) {
-        if (message.id != kRequest) return;
-        const std::string text(length, '.');
-        if (self.callback(message.peer, ASYNC_RESPONSE_SUCCESS_ID, text, contextOf(1)) != 0) ++lost;
-    });
-    ASSERT_EQ(service.start(kUuid), 0);
-    const RawClient healthy = letIn(path_, kUuid);
-    service.next(NEX_NIPC_EVENT_CLIENT_CONNECTED);
-    std::list<RawClient> idle;
-    for (bool isFull = false; !isFull;) {
-        ASSERT_LT(idle.size(), 100U) << "no limit for all queues";
-        idle.push_back(letIn(path_, kUuid));
-        const std::uint16_t id = service.next(NEX_NIPC_EVENT_CLIENT_CONNECTED).peer;
-        unsigned queued = 0;
-        while (service.callback(id, kEvent, std::string(16000, '.')) == 0) ++queued;
-        isFull = queued < 50;
-    }
-    constexpr unsigned kCount = 20;
-    std::string packet;
-    for (unsigned i = 0; i < kCount; ++i) packet = padded(packet) + request("");
-    for (const std::size_t each : {100U, 5000U}) {
-        SCOPED_TRACE(each);
-        length = each;
-        for (unsigned round = 0; round < 5; ++round) {
-            EXPECT_TRUE(healthy.main.send(packet));
-            EXPECT_EQ(payloads(healthy.main, kCount).size(), kCount);
-        }
-    }
-    EXPECT_EQ(lost, 0U);
 }
 
 TEST_F(PackedFramesTest, AClientHoldsBackNothing) {

@@ -118,6 +118,18 @@ FrameHeader header(FrameType type, std::uint16_t function, std::uint32_t length,
 
 std::string packet(const FrameHeader& frame, std::size_t payload) { return bytesOf(frame) + std::string(payload, 'x'); }
 
+std::vector<RawFrame> framesOf(const std::string& packet) {
+    std::vector<RawFrame> frames;
+    for (std::size_t at = 0; at + sizeof(FrameHeader) <= packet.size();) {
+        RawFrame frame;
+        std::memcpy(&frame.header, packet.data() + at, sizeof(FrameHeader));
+        frame.payload = packet.substr(at + sizeof(FrameHeader), inlineLength(frame.header));
+        at = aligned(at + sizeof(FrameHeader) + frame.payload.size());
+        frames.push_back(std::move(frame));
+    }
+    return frames;
+}
+
 Hello hello(std::uint16_t uuid) {
     Hello greeting;
     greeting.uuid = uuid;

@@ -51,6 +51,12 @@ std::string bytesOf(const Record& record) {
 
 std::string packet(const nexnipc::FrameHeader& frame, std::size_t payload);
 nexnipc::Hello hello(std::uint16_t uuid);
+struct RawFrame {
+    nexnipc::FrameHeader header;
+    std::string payload;  // That stands behind it.
+};
+/// Of one packet.
+std::vector<RawFrame> framesOf(const std::string& packet);
 std::string helloPacket(const nexnipc::Hello& greeting);
 std::string welcomePacket(const nexnipc::Welcome& welcome);
 

@@ -1,8 +1,9 @@
-// What is promised of threads, descriptors and time spent.
+// What is promised of threads, descriptors, queues and time spent.
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <filesystem>
@@ -13,7 +14,9 @@
 #include <vector>
 
 #include "PlatformTest.h"
+#include "RawPeer.h"
 
+using namespace nexnipc;
 using namespace nipctest;
 using namespace std::chrono_literals;
 
@@ -160,4 +163,45 @@ TEST_F(ResourceTest, AServiceShortOfDescriptorsGoesOnWithoutSpinning) {
     Endpoint after;
     EXPECT_EQ(after.connect(kUuid), 0);
     EXPECT_EQ(after.call(kRequest, "z").response, "z");
+}
+
+TEST_F(ResourceTest, ClientsThatDoNotReadCostTheOthersNoAnswer) {
+    std::atomic<std::size_t> length{0};
+    std::atomic<unsigned> lost{0};
+    Endpoint service([&](Endpoint& self, const Message& message, nexNipc_parameter_t&) {
+        if (message.id != kRequest) return;
+        const std::string text(length, '.');
+        if (self.callback(message.peer, ASYNC_RESPONSE_SUCCESS_ID, text, contextOf(1)) != 0) ++lost;
+    });
+    ASSERT_EQ(service.start(kUuid), 0);
+    const std::string path = directory.path + "/" + std::to_string(kUuid) + ".sock";
+    const RawClient healthy = letIn(path, kUuid);
+    service.next(NEX_NIPC_EVENT_CLIENT_CONNECTED);
+    std::list<RawClient> idle;
+    for (bool isFull = false; !isFull;) {
+        ASSERT_LT(idle.size(), 100U) << "no limit for all queues";
+        idle.push_back(letIn(path, kUuid));
+        const std::uint16_t id = service.next(NEX_NIPC_EVENT_CLIENT_CONNECTED).peer;
+        unsigned queued = 0;
+        while (service.callback(id, kEvent, std::string(16000, '.')) == 0) ++queued;
+        isFull = queued < 50;
+    }
+    constexpr unsigned kCount = 20;
+    std::string asked;
+    for (unsigned i = 0; i < kCount; ++i) asked += packet(header(FrameType::AsyncRequest, kRequest, 8), 8);
+    for (const std::size_t each : {100U, 5000U}) {
+        SCOPED_TRACE(each);
+        length = each;
+        for (unsigned round = 0; round < 5; ++round) {
+            EXPECT_TRUE(healthy.main.send(asked));
+            std::string bytes;
+            RawPeer none;
+            std::size_t answered = 0;
+            while (answered < kCount && healthy.main.receive(bytes, none)) {
+                for (const RawFrame& frame : framesOf(bytes)) answered += frame.header.type == FrameType::Callback;
+            }
+            EXPECT_EQ(answered, kCount);
+        }
+    }
+    EXPECT_EQ(lost, 0U);
 }

@@ -28,27 +28,18 @@ std::string requests(unsigned first, unsigned count) {
     return packet;
 }
 
-struct Arrived {
-    FrameHeader header;
-    std::string payload;  // That is with the frame.
-};
-
 /// The frames that arrive until there are `count` answers; what is offered meanwhile goes to `region`.
-std::vector<Arrived> answers(const RawPeer& peer, std::size_t count, RawPeer* region = nullptr) {
-    std::vector<Arrived> all;
+std::vector<RawFrame> answers(const RawPeer& peer, std::size_t count, RawPeer* region = nullptr) {
+    std::vector<RawFrame> all;
     std::string bytes;
     RawPeer descriptor;
     while (all.size() < count && peer.receive(bytes, descriptor)) {
-        for (std::size_t at = 0; at + sizeof(FrameHeader) <= bytes.size();) {
-            FrameHeader frame;
-            std::memcpy(&frame, bytes.data() + at, sizeof frame);
-            const std::size_t length = inlineLength(frame);
-            if (frame.type != FrameType::Buffers) {
-                all.push_back({frame, bytes.substr(at + sizeof frame, length)});
+        for (RawFrame& frame : framesOf(bytes)) {
+            if (frame.header.type != FrameType::Buffers) {
+                all.push_back(std::move(frame));
             } else if (region != nullptr) {
                 *region = std::move(descriptor);
             }
-            at = aligned(at + sizeof frame + length);
         }
     }
     return all;
@@ -125,22 +116,22 @@ TEST_F(SharedBuffersTest, AreUsedWhenTheReceiverIsReadyAndAsFarAsItReleasesThem)
     const auto ask = [&](unsigned count) {
         EXPECT_TRUE(peer.main.send(requests(next, count)));
         next += count;
-        std::vector<Arrived> all = answers(peer.main, count, &region);
+        std::vector<RawFrame> all = answers(peer.main, count, &region);
         EXPECT_EQ(all.size(), count);
         return all;
     };
     while (!region.valid()) {
         ASSERT_LT(next, 1000U) << "never offered";
-        for (const Arrived& answer : ask(20)) EXPECT_EQ(answer.header.status, 0);
+        for (const RawFrame& answer : ask(20)) EXPECT_EQ(answer.header.status, 0);
     }
-    for (const Arrived& answer : ask(20)) EXPECT_EQ(answer.header.status, 0) << "not ready";
+    for (const RawFrame& answer : ask(20)) EXPECT_EQ(answer.header.status, 0) << "not ready";
     SharedBuffers buffers;
     ASSERT_EQ(buffers.map(region.fd()), 0);
     buffers.setReady();
     for (unsigned round = 0; round < 3; ++round) {
         unsigned buffered = 0;
         const unsigned first = next;
-        const std::vector<Arrived> all = ask(40);
+        const std::vector<RawFrame> all = ask(40);
         for (unsigned i = 0; i < all.size(); ++i) {
             const auto number = static_cast<unsigned>(all[i].header.status);
             buffered += number > 0 ? 1 : 0;
