@@ -19,6 +19,7 @@ namespace {
 
 constexpr std::uint32_t kRegionSize = 100000;
 constexpr std::size_t kHeld = 100;
+constexpr std::uint32_t kBuffersSize = 600000;
 
 RawPeer memory(std::size_t size, unsigned flags, int seals) {
     const int descriptor = memfd_create("test", MFD_CLOEXEC | flags);
@@ -56,7 +57,7 @@ std::uint32_t lyingLength(std::uint64_t random) {
     return lengths[random % std::size(lengths)];
 }
 
-const std::array<HostileClient::Kind, 10> HostileClient::kKinds = {{
+const std::array<HostileClient::Kind, 11> HostileClient::kKinds = {{
     {"bad greeting", 15, &HostileClient::badGreeting},
     {"half open", 15, &HostileClient::halfOpen},
     {"violation", 30, &HostileClient::violation},
@@ -67,6 +68,7 @@ const std::array<HostileClient::Kind, 10> HostileClient::kKinds = {{
     {"unread answers", 1, &HostileClient::unreadAnswers},
     {"channels", 2, &HostileClient::channels},
     {"torn", 10, &HostileClient::torn},
+    {"buffers", 5, &HostileClient::buffers},
 }};
 
 HostileClient::HostileClient(std::string path, std::uint16_t uuid, std::uint64_t seed)
@@ -248,6 +250,22 @@ void HostileClient::torn() {
     if (below(2) == 0) shutdown(client.main.fd(), ways[below(3)]);
     if (below(2) == 0) shutdown(client.control.fd(), ways[below(3)]);
     if (below(4) == 0) client.main.send(packet(header(FrameType::Share, 0, 10), 10), {client.main.fd()});  // Itself.
+}
+
+// Payloads in memory that is written to, and full of holes, while they are read.
+void HostileClient::buffers() {
+    RawClient client;
+    if (!enter(client)) return;
+    const RawPeer memory(ashmem_create_region("test", kBuffersSize));
+    client.main.send(packet(header(FrameType::Buffers, 0, 0), 0), {memory.fd()});
+    const auto last = static_cast<std::int32_t>(below(8) == 0 ? 34 : 32);
+    for (unsigned i = 0; i < 40; ++i) {
+        const auto number = static_cast<std::int32_t>(below(static_cast<unsigned>(last))) + 1;
+        client.main.send(packet(header(FrameType::AsyncRequest, function(), below(16385), 1, 0, number), 0));
+        const std::uint32_t word = below(2) * 0xFFFFFFFFU;
+        [[maybe_unused]] const ssize_t written = pwrite(memory.fd(), &word, sizeof word, below(32) * 4);
+        if (below(4) == 0) fallocate(memory.fd(), FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, 0, kBuffersSize);
+    }
 }
 
 std::size_t HostileClient::exhaustDescriptors() {

@@ -32,7 +32,7 @@ private:
         unsigned weight;
         void (HostileClient::*run)();
     };
-    static const std::array<Kind, 10> kKinds;
+    static const std::array<Kind, 11> kKinds;
 
     void badGreeting();
     void halfOpen();
@@ -44,6 +44,7 @@ private:
     void unreadAnswers();
     void channels();
     void torn();
+    void buffers();
 
     bool enter(RawClient& client);
     unsigned below(unsigned limit) { return static_cast<unsigned>(random_() % limit); }
