@@ -17,7 +17,7 @@ namespace {
 constexpr std::size_t kControlSize = 4096;
 constexpr std::size_t kSize = kControlSize + SharedBuffers::kCount * std::size_t{kInlineLimit};
 constexpr unsigned kBeforeOffer = 64;
-// Of one process: half a megabyte each.
+// Of one process: a megabyte each.
 constexpr unsigned kReceivers = 16;
 constexpr unsigned kSenders = 64;
 
@@ -35,9 +35,9 @@ bool takePlace(std::atomic<unsigned>& taken, unsigned limit) {
 // Each side writes to a cache line of its own.
 struct SharedBuffers::Control {
     std::atomic<std::uint32_t> ready;
-    alignas(64) std::atomic<std::uint32_t> released;
+    alignas(64) std::atomic<std::uint32_t> released[2];
 };
-static_assert(std::atomic<std::uint32_t>::is_always_lock_free && SharedBuffers::kCount == 32);
+static_assert(std::atomic<std::uint32_t>::is_always_lock_free && SharedBuffers::kCount == 64);
 
 SharedBuffers::~SharedBuffers() {
     if (mapped()) ::munmap(control_, kSize);
@@ -68,9 +68,19 @@ void SharedBuffers::setReady() { control_->ready.store(1, std::memory_order_rele
 
 bool SharedBuffers::isReady() const { return control_->ready.load(std::memory_order_acquire) == 1; }
 
-void SharedBuffers::release(unsigned number) { control_->released.fetch_or(1U << number, std::memory_order_release); }
+void SharedBuffers::release(unsigned number) {
+    control_->released[number / 32].fetch_or(1U << number % 32, std::memory_order_release);
+}
 
-std::uint32_t SharedBuffers::takeReleased() { return control_->released.exchange(0, std::memory_order_acquire); }
+std::uint64_t SharedBuffers::takeReleased() {
+    std::uint64_t all = 0;
+    for (unsigned half = 0; half < 2; ++half) {
+        std::atomic<std::uint32_t>& released = control_->released[half];
+        if (released.load(std::memory_order_relaxed) == 0) continue;
+        all |= std::uint64_t{released.exchange(0, std::memory_order_acquire)} << half * 32;
+    }
+    return all;
+}
 
 char* SharedBuffers::at(unsigned number) const {
     return reinterpret_cast<char*>(control_) + kControlSize + number * std::size_t{kInlineLimit};
@@ -110,15 +120,15 @@ bool SendBuffers::put(FrameHeader& header, const void* payload, const PacketSock
     free_ |= memory_.takeReleased();
     if (free_ == 0) return false;
     // The lowest: what was used last is still in the cache.
-    const auto number = static_cast<unsigned>(__builtin_ctz(free_));
-    free_ &= ~(1U << number);
+    const auto number = static_cast<unsigned>(__builtin_ctzll(free_));
+    free_ &= free_ - 1;
     std::memcpy(memory_.at(number), payload, header.length);
     header.status = static_cast<std::int32_t>(number) + 1;
     return true;
 }
 
 void SendBuffers::cancel(const FrameHeader& header) {
-    if (isBuffered(header)) free_ |= 1U << (header.status - 1);
+    if (isBuffered(header)) free_ |= std::uint64_t{1} << (header.status - 1);
 }
 
 ReceiveBuffers::~ReceiveBuffers() {

@@ -14,7 +14,7 @@ namespace nexnipc {
 // by the processes instead of two by the kernel, and one system call for many.
 class SharedBuffers {
 public:
-    static constexpr unsigned kCount = 32;
+    static constexpr unsigned kCount = 64;
 
     SharedBuffers() = default;
     ~SharedBuffers();
@@ -31,7 +31,7 @@ public:
     bool isReady() const;
     void release(unsigned number);
     // A bit for each that was released since the last time.
-    std::uint32_t takeReleased();
+    std::uint64_t takeReleased();
     char* at(unsigned number) const;
 
 private:
@@ -62,7 +62,7 @@ private:
     bool counted_ = false;
     Fd region_;  // until it is offered
     SharedBuffers memory_;
-    std::uint32_t free_ = ~0U;
+    std::uint64_t free_ = ~std::uint64_t{0};
 };
 
 // The receiver's side. Not thread-safe.

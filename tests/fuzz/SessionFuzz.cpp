@@ -33,7 +33,7 @@ struct Service {
     const nipctest::ServiceDirectory directory;
     Endpoint endpoint{serve};
     const std::vector<int> descriptors{regionOf("region"), open("/dev/null", O_RDWR | O_CLOEXEC),
-                                       ashmem_create_region("buffers", 1U << 20U),
+                                       ashmem_create_region("buffers", 2U << 20U),
                                        socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
 };
 

@@ -19,7 +19,7 @@ namespace {
 
 constexpr std::uint32_t kRegionSize = 100000;
 constexpr std::size_t kHeld = 100;
-constexpr std::uint32_t kBuffersSize = 600000;
+constexpr std::uint32_t kBuffersSize = 1100000;
 
 RawPeer memory(std::size_t size, unsigned flags, int seals) {
     const int descriptor = memfd_create("test", MFD_CLOEXEC | flags);
@@ -258,7 +258,7 @@ void HostileClient::buffers() {
     if (!enter(client)) return;
     const RawPeer memory(ashmem_create_region("test", kBuffersSize));
     client.main.send(packet(header(FrameType::Buffers, 0, 0), 0), {memory.fd()});
-    const auto last = static_cast<std::int32_t>(below(8) == 0 ? 34 : 32);
+    const auto last = static_cast<std::int32_t>(below(8) == 0 ? 66 : 64);
     for (unsigned i = 0; i < 40; ++i) {
         const auto number = static_cast<std::int32_t>(below(static_cast<unsigned>(last))) + 1;
         client.main.send(packet(header(FrameType::AsyncRequest, function(), below(16385), 1, 0, number), 0));

@@ -131,7 +131,7 @@ TEST_F(SharedBuffersTest, AreUsedWhenTheReceiverIsReadyAndAsFarAsItReleasesThem)
     for (unsigned round = 0; round < 3; ++round) {
         unsigned buffered = 0;
         const unsigned first = next;
-        const std::vector<RawFrame> all = ask(40);
+        const std::vector<RawFrame> all = ask(80);
         for (unsigned i = 0; i < all.size(); ++i) {
             const auto number = static_cast<unsigned>(all[i].header.status);
             buffered += number > 0 ? 1 : 0;
@@ -187,19 +187,19 @@ TEST_F(SharedBuffersTest, AHandlerSeesWhatNobodyChanges) {
     Endpoint service([&](Endpoint&, const Message& message, nexNipc_parameter_t& parameter) {
         if (message.id != kRequest) return;
         before = message.data;
-        std::memset(buffers.at(31), 'X', 5000);
+        std::memset(buffers.at(63), 'X', 5000);
         after.assign(static_cast<const char*>(parameter.data), *parameter.length);
     });
     ASSERT_EQ(service.start(kUuid), 0);
     int region = -1;
     const RawClient peer = offering(buffers, region);
     const std::string text = textOf(1);
-    std::memcpy(buffers.at(31), text.data(), text.size());
-    EXPECT_TRUE(peer.main.send(packet(header(FrameType::AsyncRequest, kRequest, 5000, 0, 0, 32), 0)));
+    std::memcpy(buffers.at(63), text.data(), text.size());
+    EXPECT_TRUE(peer.main.send(packet(header(FrameType::AsyncRequest, kRequest, 5000, 0, 0, 64), 0)));
     service.next(kRequest);
     EXPECT_TRUE(before == text);
     EXPECT_TRUE(after == text);
-    EXPECT_EQ(buffers.takeReleased(), 1U << 31);
+    EXPECT_EQ(buffers.takeReleased(), std::uint64_t{1} << 63);
     close(region);
 }
 
@@ -209,7 +209,7 @@ TEST_F(SharedBuffersTest, WhoMisusesThemLosesTheConnection) {
         std::string bytes;
         bool withRegion = false;
     } cases[] = {
-        {"a number too high", packet(header(FrameType::AsyncRequest, kRequest, 5, 0, 0, 33), 0)},
+        {"a number too high", packet(header(FrameType::AsyncRequest, kRequest, 5, 0, 0, 65), 0)},
         {"a number below the first", packet(header(FrameType::AsyncRequest, kRequest, 5, 0, 0, -1), 0)},
         {"a payload there and here", packet(header(FrameType::AsyncRequest, kRequest, 5, 0, 0, 1), 5)},
         {"longer than a buffer", packet(header(FrameType::AsyncRequest, kRequest, 16385, 0, 0, 1), 0)},
@@ -236,7 +236,7 @@ TEST_F(SharedBuffersTest, MemoryThatIsNotWhatItHasToBeIsRefused) {
     ASSERT_EQ(service.start(kUuid), 0);
     Fd small, open;
     ASSERT_EQ(makeSealedRegion("small", 100000, small), 0);
-    ASSERT_EQ(makeSealedCopy(std::string(1 << 20, 'x').data(), 1 << 20, open), 0);
+    ASSERT_EQ(makeSealedCopy(std::string(2 << 20, 'x').data(), 2 << 20, open), 0);
     const struct {
         const char* name;
         int region;
