@@ -68,7 +68,7 @@ const std::array<HostileClient::Kind, 11> HostileClient::kKinds = {{
     {"unread answers", 1, &HostileClient::unreadAnswers},
     {"channels", 2, &HostileClient::channels},
     {"torn", 10, &HostileClient::torn},
-    {"buffers", 5, &HostileClient::buffers},
+    {"buffers", 1, &HostileClient::buffers},
 }};
 
 HostileClient::HostileClient(std::string path, std::uint16_t uuid, std::uint64_t seed)
