@@ -36,6 +36,8 @@ public:
 
     bool empty() const { return packets_.empty(); }
     std::size_t size() const { return size_; }
+    // All queues of the service together hold so much that one of them should not grow.
+    bool isCrowded() const { return budget_->load() > kServiceLimit / 4 * 3; }
     // In the packet that the next frame may join.
     unsigned gatheredFrames() const { return empty() ? 0 : packets_.back().content.frames(); }
     std::size_t gatheredBytes() const { return empty() ? 0 : packets_.back().content.size(); }

@@ -189,7 +189,8 @@ void Session::onWritable() {
 bool Session::holdReading() {
     std::lock_guard<std::mutex> lock(sendMutex_);
     // Once it is, only onWritable() and urged() end that: they tell the service to go on.
-    held_ = held_ || (!urged_ && queue_.size() > SendQueue::kHighMark);
+    const bool isMuch = queue_.size() > SendQueue::kHighMark || (writableSource_ != 0 && queue_.isCrowded());
+    held_ = held_ || (!urged_ && isMuch);
     return held_;
 }
 

@@ -60,6 +60,16 @@ double processorSeconds(pid_t pid) {
     return (user + system) / static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
+std::size_t answered(const RawPeer& peer, std::size_t count) {
+    std::size_t answers = 0;
+    std::string bytes;
+    RawPeer none;
+    while (answers < count && peer.receive(bytes, none)) {
+        for (const RawFrame& frame : framesOf(bytes)) answers += frame.header.type == FrameType::Callback;
+    }
+    return answers;
+}
+
 }  // namespace
 
 class ResourceTest : public PlatformTest {};
@@ -194,14 +204,23 @@ TEST_F(ResourceTest, ClientsThatDoNotReadCostTheOthersNoAnswer) {
         length = each;
         for (unsigned round = 0; round < 5; ++round) {
             EXPECT_TRUE(healthy.main.send(asked));
-            std::string bytes;
-            RawPeer none;
-            std::size_t answered = 0;
-            while (answered < kCount && healthy.main.receive(bytes, none)) {
-                for (const RawFrame& frame : framesOf(bytes)) answered += frame.header.type == FrameType::Callback;
-            }
-            EXPECT_EQ(answered, kCount);
+            EXPECT_EQ(answered(healthy.main, kCount), kCount);
         }
     }
+    EXPECT_EQ(lost, 0U);
+
+    // Nor their own, as long as there is any room: the requests of who does not take the answers wait.
+    idle.pop_front();
+    service.next(NEX_NIPC_EVENT_CLIENT_DISCONNECTED);
+    const RawClient reader = letIn(path, kUuid);
+    const std::uint16_t id = service.next(NEX_NIPC_EVENT_CLIENT_CONNECTED).peer;
+    for (unsigned i = 0; i < 80; ++i) EXPECT_EQ(service.callback(id, kEvent, std::string(16000, '.')), 0);
+    const RawClient late = letIn(path, kUuid);
+    service.forget();
+    for (unsigned i = 0; i < 40; ++i) EXPECT_TRUE(late.main.send(asked));
+    EXPECT_TRUE(healthy.main.send(asked));
+    EXPECT_EQ(answered(healthy.main, kCount), kCount);
+    EXPECT_LT(service.count(kRequest), 10 * kCount);
+    EXPECT_EQ(answered(late.main, 40 * kCount), 40 * kCount);
     EXPECT_EQ(lost, 0U);
 }
