@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <ctime>
 #include <utility>
 
@@ -185,6 +186,7 @@ int Service::admit(PacketSocket& main, Peer peer, PacketSocket& theirControl, st
 
 int Service::reserveClient(pid_t pid) {
     std::lock_guard<std::mutex> lock(mutex_);
+    dropAbandoned();
     PeerUse& use = peers_[pid];
     if (sessions_.size() >= kClientsPerService || use.clients >= kClientsPerPeer) {
         if (use.clients == 0) peers_.erase(pid);
@@ -192,6 +194,15 @@ int Service::reserveClient(pid_t pid) {
     }
     ++use.clients;
     return 0;
+}
+
+// A process that has ended may have left its own ends of a connection under way to us, where they stay open as long as
+// that client's requests are not read.
+void Service::dropAbandoned() {
+    for (const auto& entry : sessions_) {
+        Session& session = *entry.second;
+        if (session.isHeld() && ::kill(session.peer.pid, 0) != 0 && errno == ESRCH) session.shutdown();
+    }
 }
 
 void Service::releaseClient(pid_t pid) {

@@ -62,6 +62,7 @@ private:
     int open();
     int admit(PacketSocket& main, Peer peer, PacketSocket& theirControl, std::shared_ptr<Session>& session);
     int reserveClient(pid_t pid);
+    void dropAbandoned();
     void releaseClient(pid_t pid);
     void releaseClientLocked(pid_t pid);
     void forget(std::shared_ptr<Session> session);

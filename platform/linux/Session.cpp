@@ -41,17 +41,17 @@ int Session::attach() {
 
 int Session::send(FrameHeader header, const void* payload, bool isAnswer) {
     std::unique_lock<std::mutex> lock(sendMutex_);
-    if (closed) return -ENOTCONN;
+    if (isOver()) return -ENOTCONN;
     Undo unused([&] { buffers_.cancel(header); });
     const bool gather = gathers(header, payload, isAnswer);
     if (isAnswer && queue_.empty() && !isGathered(header) && GatherScope::delivers(*this)) {
-        const int status = main.send(header, payload, -1, Wait::No);
-        if (status != -EAGAIN) return status == -ECONNRESET ? -ENOTCONN : status;
+        const int status = sendNow(header, payload, -1);
+        if (status != -EAGAIN) return status;
         lock.unlock();
         const bool room = awaitRoom();
         lock.lock();
         // Queued even if there is room for it now: a client that takes one at a time would be waited for each time.
-        if (!room && !closed) {
+        if (!room && !isOver()) {
             if (const int failed = watchWritable()) return failed;
         }
     }
@@ -84,7 +84,7 @@ int Session::acknowledge() {
 }
 
 int Session::sendLocked(const FrameHeader& header, const void* payload, int descriptor, bool isAnswer, bool gather) {
-    if (closed) return -ENOTCONN;
+    if (isOver()) return -ENOTCONN;
     if (queue_.empty() && writableSource_ == 0 && !gather) {
         const int status = sendNow(header, payload, descriptor);
         if (status != -EAGAIN) return status;
@@ -194,6 +194,11 @@ bool Session::holdReading() {
     return held_;
 }
 
+bool Session::isHeld() {
+    std::lock_guard<std::mutex> lock(sendMutex_);
+    return held_;
+}
+
 void Session::setServed(std::uint32_t channel, std::uint32_t call) {
     std::lock_guard<std::mutex> lock(sendMutex_);
     served_[channel % kChannelsPerClient] = call;
@@ -234,9 +239,22 @@ void Session::release(std::shared_ptr<Session> session) {
 void Session::onControl(PacketBatch& scratch) {
     if (!closed && !readControl(scratch)) shutdown();
     if (!closed && scratch.status() != -ECONNRESET) return;
-    // A client that is leaving: what it sent before is still in the main socket, whose end is the session's.
     lane_.rest(controlSource_);
     slots.shutdown();
+    onLeaving();
+}
+
+// What the client sent before is still in the main socket, whose end is the session's. It is read whatever was queued
+// for the client: its own end of that socket may be under way in there, and without that would never close.
+void Session::onLeaving() {
+    {
+        std::lock_guard<std::mutex> lock(sendMutex_);
+        leaving_ = true;
+        queue_.clear();
+        unwatchWritable();
+        if (!std::exchange(held_, false)) return;
+    }
+    if (const std::shared_ptr<Service> service = service_.lock()) service->resume(id);
 }
 
 bool Session::readControl(PacketBatch& scratch) {

@@ -45,6 +45,8 @@ public:
     // Delivery thread: true when so much is queued for the client that its requests had better wait. The
     // service is told when to go on.
     bool holdReading();
+    // Any thread: whether they wait.
+    bool isHeld();
     // Delivery thread: a synchronous request is being served.
     void setServed(std::uint32_t channel, std::uint32_t call);
 
@@ -64,12 +66,14 @@ private:
     bool readControl(PacketBatch& scratch);
     bool handleControl(const Packet& packet);
     bool openChannel();
+    void onLeaving();
     void urged(std::uint32_t channel, std::uint32_t call);
     void onWritable();
     int sendNow(const FrameHeader& header, const void* payload, int descriptor) const;
     int sendLocked(const FrameHeader& header, const void* payload, int descriptor, bool isAnswer, bool gather);
     bool gathers(FrameHeader& header, const void* payload, bool isAnswer);
     int flushGathered() noexcept;
+    bool isOver() const { return closed || leaving_; }
     bool awaitRoom() const;
     int watchWritable();
     void unwatchWritable();
@@ -83,8 +87,9 @@ private:
     SendQueue queue_;
     SendBuffers buffers_;
     std::uint64_t writableSource_ = 0;
-    bool held_ = false;   // its requests are not read
-    bool urged_ = false;  // they must be, until this call is served
+    bool leaving_ = false;  // takes nothing any more
+    bool held_ = false;     // its requests are not read
+    bool urged_ = false;    // they must be, until this call is served
     std::uint32_t urgedCall_ = 0;
     std::array<std::uint32_t, kChannelsPerClient> served_{};  // the latest call of each channel
     std::chrono::steady_clock::time_point latest_;            // when it was last looked whether its frames are a stream

@@ -76,6 +76,24 @@ TEST_F(HostilePeerTest, AGreetingThatIsNoneIsRefused) {
     EXPECT_EQ(service.count(NEX_NIPC_EVENT_CLIENT_CONNECTED), 0U);
 }
 
+TEST_F(HostilePeerTest, AClientThatLeavesItsOwnEndsUnreadIsForgotten) {
+    Endpoint service;
+    ASSERT_EQ(service.start(kUuid), 0);
+    std::list<RawClient> later;
+    for (const char* const ends : {"main", "both"}) {
+        SCOPED_TRACE(ends);
+        Process client({"abandoning", std::to_string(kUuid), path_});
+        ASSERT_EQ(client.hear(), "in");
+        const std::uint16_t id = service.next(NEX_NIPC_EVENT_CLIENT_CONNECTED).peer;
+        while (service.callback(id, kEvent, std::string(16000, '.')) == 0) continue;  // Till its requests must wait.
+        client.send(ends);
+        ASSERT_EQ(client.wait(), 0);
+        later.push_back(letIn());
+        service.next(NEX_NIPC_EVENT_CLIENT_CONNECTED);
+        EXPECT_EQ(service.next(NEX_NIPC_EVENT_CLIENT_DISCONNECTED).peer, id);
+    }
+}
+
 TEST_F(HostilePeerTest, AThousandConnectionsDoNotKeepOthersOut) {
     Endpoint service;
     ASSERT_EQ(service.start(kUuid), 0);

@@ -9,6 +9,7 @@
 #include <set>
 
 #include "PlatformTest.h"
+#include "RawPeer.h"
 
 using namespace nipctest;
 
@@ -80,6 +81,19 @@ int sharing(const std::vector<std::string>& arguments) {
     }
 }
 
+// Leaves its ends of a connection, the first or both, in the socket that the service has not read, and nowhere else.
+int abandoning(const std::vector<std::string>& arguments) {
+    const auto uuid = uuidOf(arguments);
+    const RawClient client = letIn(arguments.at(1), uuid);
+    say("in");
+    const bool both = hearParent() == "both";
+    for (const RawPeer* const end : {&client.main, &client.control}) {
+        if (end == &client.control && !both) break;
+        client.main.send(packet(header(nexnipc::FrameType::Share, 0, 10), 10), {end->fd()});
+    }
+    return 0;
+}
+
 std::future<nex_status_t> waitingConnect;
 Endpoint* connected = nullptr;
 
@@ -126,6 +140,7 @@ int main(int argc, char** argv) {
                                {{"service", service},
                                 {"starved", starved},
                                 {"sharing", sharing},
+                                {"abandoning", abandoning},
                                 {"stranger", stranger},
                                 {"descriptors", descriptors},
                                 {"ending", ending},
