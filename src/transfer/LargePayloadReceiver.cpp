@@ -25,7 +25,7 @@ PrivateCopy copyOut(std::int32_t descriptor, std::uint32_t length) {
     if (!region.mapReceived(descriptor, length)) return nullptr;
     PrivateCopy copy(static_cast<char*>(::operator new(static_cast<std::size_t>(length) + 1, std::nothrow)));
     if (copy) {
-        std::memcpy(copy.get(), region.address, length);
+        region.copyTo(copy.get());
         copy.get()[length] = '\0';
     }
     return copy;

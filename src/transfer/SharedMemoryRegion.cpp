@@ -1,6 +1,7 @@
 #include "transfer/SharedMemoryRegion.h"
 
 #include <cutils/ashmem.h>
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -11,12 +12,18 @@
 namespace nipcconnector {
 namespace {
 
+struct Kind {
+    bool isFile = false;
+    bool isTooShort = false;
+};
+
 // A file tells its size, and reading past its end would be fatal. An ashmem device tells 0, and checks the
 // length by itself when it is mapped.
-bool mayBeTooShort(int descriptor, std::uint32_t bytes) {
+Kind kindOf(int descriptor, std::uint32_t bytes) {
     struct stat status {};
-    if (fstat(descriptor, &status) != 0) return true;  // Not to be trusted: too big for 32 bits, for one.
-    return S_ISREG(status.st_mode) && static_cast<std::uint64_t>(status.st_size) < bytes;
+    if (fstat(descriptor, &status) != 0) return {false, true};  // Not to be trusted: too big for 32 bits, for one.
+    const bool isFile = S_ISREG(status.st_mode);
+    return {isFile, isFile && static_cast<std::uint64_t>(status.st_size) < bytes};
 }
 
 }  // namespace
@@ -24,21 +31,21 @@ bool mayBeTooShort(int descriptor, std::uint32_t bytes) {
 bool SharedMemoryRegion::create(std::uint32_t bytes) {
     descriptor = ashmem_create_region("nipc_connector_payload", bytes);
     if (descriptor < 0) return false;
-    if (map(bytes)) return true;
+    if (map(descriptor, bytes)) return true;
     release();
     return false;
 }
 
 bool SharedMemoryRegion::mapReceived(std::int32_t receivedDescriptor, std::uint32_t bytes) {
-    descriptor = receivedDescriptor;
-    const bool mapped = !mayBeTooShort(descriptor, bytes) && map(bytes);
-    if (descriptor >= 0) close(descriptor);
-    descriptor = -1;
+    const Kind kind = kindOf(receivedDescriptor, bytes);
+    if (kind.isFile) descriptor = fcntl(receivedDescriptor, F_DUPFD_CLOEXEC, 0);
+    const bool mapped = !kind.isTooShort && map(receivedDescriptor, bytes);
+    if (receivedDescriptor >= 0) close(receivedDescriptor);
     return mapped;
 }
 
-// Where the region is a file, writing it reaches the same memory as the mapping, but without a page fault for each
-// page, which costs several times the copy. An ashmem device refuses.
+// Where the region is a file, reading and writing it reaches the same memory as the mapping, but without page faults,
+// which cost as much as the copy, or several times that. An ashmem device refuses.
 bool SharedMemoryRegion::fill(const char* from) const {
     std::uint32_t done = 0;
     while (done < size) {
@@ -55,8 +62,21 @@ bool SharedMemoryRegion::fill(const char* from) const {
     return true;
 }
 
-bool SharedMemoryRegion::map(std::uint32_t bytes) {
-    void* const mapping = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, descriptor, 0);
+void SharedMemoryRegion::copyTo(char* to) const {
+    std::uint32_t done = 0;
+    while (done < size && descriptor >= 0) {
+        const ssize_t now = pread(descriptor, to + done, size - done, static_cast<off_t>(done));
+        if (now > 0) {
+            done += static_cast<std::uint32_t>(now);
+        } else if (now == 0 || errno != EINTR) {
+            break;
+        }
+    }
+    std::memcpy(to + done, static_cast<const char*>(address) + done, size - done);
+}
+
+bool SharedMemoryRegion::map(std::int32_t from, std::uint32_t bytes) {
+    void* const mapping = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, from, 0);
     if (mapping == MAP_FAILED) return false;
     address = mapping;
     size = bytes;

@@ -20,14 +20,16 @@ public:
 
     /// Copies `size` bytes into it. False when there is no memory for them.
     bool fill(const char* from) const;
+    /// Copies `size` bytes out of it, each of them read once.
+    void copyTo(char* to) const;
     void release();
 
-    std::int32_t descriptor = -1;
+    std::int32_t descriptor = -1;  ///< Of a received region: one of our own, or -1.
     void* address = nullptr;
     std::uint32_t size = 0;
 
 private:
-    bool map(std::uint32_t bytes);
+    bool map(std::int32_t from, std::uint32_t bytes);
 };
 
 }  // namespace nipcconnector

@@ -77,6 +77,7 @@ ERRORS_AT = {
     "SendQueue::push/fcntl": ["EMFILE"],
     "isSealed/fcntl": ["EINVAL"],
     "makeSealedCopy/fcntl": ["EPERM", "EBUSY"],
+    "SharedMemoryRegion::mapReceived/fcntl": ["EMFILE"],
 }
 
 # Where an error of the lists above cannot happen.
@@ -99,7 +100,7 @@ EXCEPT = {
 
 # What is no call of the system, or one that cannot fail with the arguments it gets.
 HARMLESS = """_Unwind_Resume __cmsg_nxthdr __errno_location __gxx_personality_v0 __libc_single_threaded
-    _GLOBAL_OFFSET_TABLE_ __stack_chk_fail abort atexit clock_gettime close geteuid getpid memcmp memcpy memmove memset
+    _GLOBAL_OFFSET_TABLE_ __stack_chk_fail abort atexit clock_gettime close geteuid getpid kill memcmp memcpy memmove memset
     getrlimit getrlimit64 munmap secure_getenv snprintf sscanf __isoc99_sscanf __isoc23_sscanf strcmp strlen strrchr timerfd_settime strtoull time sigaddset sigdelset sigemptyset sigfillset
     pthread_attr_destroy pthread_attr_init pthread_attr_setdetachstate pthread_attr_setstacksize pthread_self
     pthread_cond_clockwait pthread_cond_timedwait pthread_mutex_lock pthread_mutex_unlock pthread_setname_np
