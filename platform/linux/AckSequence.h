@@ -4,15 +4,18 @@
 #include <cerrno>
 #include <cstdint>
 
+#include "PacketSocket.h"
 #include "RegionPool.h"
 
 namespace nexnipc {
 
 // Ties an acknowledgement to its transfer: of the shares sent over one connection only the latest can be
 // acknowledged, and once. Its region is then free to be used again.
-class AckSequence {
+class AckSequence final : public RegionUser {
 public:
-    explicit AckSequence(const Peer& peer) : toTheOne_(RegionPool::get().meet(peer)) {}
+    // `main` outlives it. It is announced there that a region is being filled, unless waking the peer does not pay.
+    AckSequence(const Peer& peer, const PacketSocket& main, bool announces)
+        : main_(main), announces_(announces), toTheOne_(RegionPool::get().meet(peer)) {}
     ~AckSequence() { RegionPool::get().part(this); }
     AckSequence(const AckSequence&) = delete;
     AckSequence& operator=(const AckSequence&) = delete;
@@ -38,11 +41,20 @@ public:
         return true;
     }
 
+    void announce() const noexcept override {
+        if (!announces_) return;
+        FrameHeader header;
+        header.type = FrameType::Announce;
+        main_.send(header, nullptr, -1, Wait::No);
+    }
+
     // The other direction: the share that was last delivered, which an acknowledgement of ours answers.
     void setDelivered(std::uint32_t number) { delivered_ = number; }
     std::uint32_t delivered() const { return delivered_; }
 
 private:
+    const PacketSocket& main_;
+    const bool announces_;
     const bool toTheOne_;
     std::atomic<std::uint32_t> last_{0};
     std::atomic<std::uint32_t> awaited_{0};

@@ -26,7 +26,7 @@ Client::Client(std::int32_t number, const ClientConnectRecord& record, Connectio
       maxSync_(maxSyncLength()),
       spinLimit_(connection.apart ? spinLimit() : std::chrono::microseconds(0)),
       channels_(control_, syncTimeoutMs(), spinLimit_),
-      acks_(connection.peer),
+      acks_(connection.peer, main_, spinLimit_.count() > 0),
       gathered_(std::make_shared<QueueBudget>(0)) {}
 
 int Client::connect(std::int32_t* handle, const ClientConnectRecord& record) {

@@ -72,6 +72,7 @@ private:
     ChannelPool channels_;
     AckSequence acks_;
     ReceiveBuffers incomingBuffers_;  // delivery thread
+    bool isAnnounced_ = false;        // delivery thread: a share will follow
     std::atomic<std::uint64_t> controlSource_{0};
     std::atomic<std::uint32_t> lastCall_{0};
     std::atomic<bool> disconnected_{false};

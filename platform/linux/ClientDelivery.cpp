@@ -1,6 +1,7 @@
 #include <poll.h>
 
 #include <cerrno>
+#include <utility>
 
 #include "Client.h"
 #include "ShareFrame.h"
@@ -12,9 +13,10 @@ void Client::deliver() {
     try {
         PacketBatch batch;
         Spin spin(spinLimit_);
+        Spin announced(spinLimit_);
         Call connected = Call::event(NEX_NIPC_EVENT_CONNECTION_DONE, uuid_);
         bool open = upcall.run(connected);
-        while (open) open = takePackets(batch, spin);
+        while (open) open = takePackets(batch, std::exchange(isAnnounced_, false) ? announced : spin);
     } catch (...) {
         // Out of memory: the connection is given up, and that is told.
     }
@@ -54,6 +56,9 @@ bool Client::handlePacket(Packet& packet) {
             return handleShare(packet);
         case FrameType::Buffers:
             return incomingBuffers_.adopt(packet);
+        case FrameType::Announce:
+            isAnnounced_ = true;
+            return packet.isBare();
         default:
             return false;
     }

@@ -30,6 +30,7 @@ enum class FrameType : std::uint16_t {
     CloseChannel = 11,   // control socket, to the service
     Urge = 12,           // control socket, to the service
     Buffers = 13,        // main socket, both directions
+    Announce = 14,       // main socket, both directions: a share will follow
 };
 
 struct FrameHeader {

@@ -18,6 +18,8 @@ struct Packet {
     // The payload is in the descriptor, being too long to be inline.
     bool outOfLine() const { return header.length > kInlineLimit; }
     bool hasDescriptor() const { return descriptor.valid() || descriptorLost; }
+    // All it says is its type, and what type needs of sequence and status.
+    bool isBare() const { return header.functionId == 0 && header.length == 0 && !hasDescriptor(); }
 };
 
 // Takes packets from a socket, many with one system call where many are waiting, and checks what can be checked of

@@ -15,6 +15,8 @@ namespace nexnipc {
 namespace {
 
 constexpr std::size_t kKeptLimit = 8U << 20;
+// What is filled while the receiver wakes up, and before it has looked for the share in vain.
+constexpr std::size_t kAnnouncedLimit = 256U << 10;
 
 // In clock ticks since the system started; 0 when unknown.
 std::uint64_t startOf(pid_t pid) {
@@ -59,9 +61,12 @@ bool RegionPool::meet(const Peer& peer) {
     return false;
 }
 
-void RegionPool::part(const void* connection) {
+void RegionPool::part(const RegionUser* connection) {
     abandon(connection);
     std::lock_guard<std::mutex> lock(mutex_);
+    for (Region& region : regions_) {
+        if (region.connection == connection) region.connection = nullptr;
+    }
     if (--connections_ > 0) return;
     for (Region& region : regions_) region.retire();
 }
@@ -85,6 +90,7 @@ int RegionPool::lend(Region& region) {
     region.lent = descriptor;
     region.state = State::Lent;
     region.usedBefore = true;
+    if (region.connection != nullptr && region.size <= kAnnouncedLimit) region.connection->announce();
     return descriptor;
 }
 
@@ -122,7 +128,7 @@ void RegionPool::sweep() {
     }
 }
 
-bool RegionPool::share(int descriptor, const void* connection, std::uint32_t number, bool toTheOne) {
+bool RegionPool::share(int descriptor, const RegionUser* connection, std::uint32_t number, bool toTheOne) {
     abandon(connection);  // only the latest share can be acknowledged
     std::lock_guard<std::mutex> lock(mutex_);
     const auto found = std::find_if(regions_.begin(), regions_.end(), [&](const Region& region) {
@@ -140,16 +146,15 @@ bool RegionPool::share(int descriptor, const void* connection, std::uint32_t num
     return true;
 }
 
-void RegionPool::acknowledged(const void* connection, std::uint32_t number) {
+void RegionPool::acknowledged(const RegionUser* connection, std::uint32_t number) {
     std::lock_guard<std::mutex> lock(mutex_);
     for (Region& region : regions_) {
         if (region.state != State::Shared || region.connection != connection || region.number != number) continue;
         region.state = State::Free;
-        region.connection = nullptr;
     }
 }
 
-void RegionPool::abandon(const void* connection) {
+void RegionPool::abandon(const RegionUser* connection) {
     std::lock_guard<std::mutex> lock(mutex_);
     for (Region& region : regions_) {
         if (region.state == State::Shared && region.connection == connection) region.retire();

@@ -12,6 +12,16 @@
 
 namespace nexnipc {
 
+// A connection that regions are shared over.
+class RegionUser {
+public:
+    // A region that went over it is about to be filled and shared again.
+    virtual void announce() const noexcept = 0;
+
+protected:
+    ~RegionUser() = default;
+};
+
 // Where shared regions come from. Making one afresh is most of what a large transfer costs, so the memory of one
 // that its receiver has acknowledged and its maker has closed is given out again, with what is in it. Only one other
 // process may ever see that: the moment a second one connects, every region is made afresh, for good. The size is
@@ -26,14 +36,14 @@ public:
     // A connection begins: whether the peer is the one process that this one has ever met.
     bool meet(const Peer& peer);
     // It has ended; with the last one all memory is given back.
-    void part(const void* connection);
+    void part(const RegionUser* connection);
 
     // A region is about to be shared over a connection, and waits for the acknowledgement of that number.
     // False when it has been used before and the peer is not the process that it was used with.
-    bool share(int descriptor, const void* connection, std::uint32_t number, bool toTheOne);
-    void acknowledged(const void* connection, std::uint32_t number);
+    bool share(int descriptor, const RegionUser* connection, std::uint32_t number, bool toTheOne);
+    void acknowledged(const RegionUser* connection, std::uint32_t number);
     // The acknowledgement awaited over that connection does not come.
-    void abandon(const void* connection);
+    void abandon(const RegionUser* connection);
 
 private:
     enum class State { Free, Lent, Shared, Spent };
@@ -44,8 +54,8 @@ private:
         ino_t inode = 0;
         State state = State::Free;
         bool usedBefore = false;
-        int lent = -1;  // the number that its descriptor has at the maker's
-        const void* connection = nullptr;
+        int lent = -1;                           // the number that its descriptor has at the maker's
+        const RegionUser* connection = nullptr;  // that it goes over, or went when it is free
         std::uint32_t number = 0;
 
         bool isAt(int descriptor) const;

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <utility>
 
 #include "SealedMemory.h"
 #include "Settings.h"
@@ -28,7 +29,7 @@ bool attempt(const Work& work) {
 }  // namespace
 
 ServiceDelivery::ServiceDelivery(std::shared_ptr<Service> service)
-    : pinned_(std::move(service)), service_(*pinned_), spin_(spinLimit()) {}
+    : pinned_(std::move(service)), service_(*pinned_), spin_(spinLimit()), announced_(spinLimit()) {}
 
 bool Service::delivers(std::int32_t handle) { return deliveredHandle == handle; }
 
@@ -79,7 +80,8 @@ bool ServiceDelivery::lookAgain() {
         if (others == 0) status = batch_->receive(session->main, Wait::No);
         return others != 0 || status != -EAGAIN;
     };
-    if (!spin_.finds(look)) return false;
+    Spin& spin = std::exchange(isAnnounced_, false) ? announced_ : spin_;
+    if (!spin.finds(look)) return false;
     if (others != 0) {
         serveEvents(others);
     } else {
@@ -207,6 +209,9 @@ bool ServiceDelivery::handle(Session& session, Packet& packet) {
             return handleShare(session, packet);
         case FrameType::Buffers:
             return session.incomingBuffers.adopt(packet);
+        case FrameType::Announce:
+            isAnnounced_ = true;
+            return packet.isBare();
         default:
             return false;
     }

@@ -49,6 +49,8 @@ private:
     std::unique_ptr<PacketBatch> batch_ = std::make_unique<PacketBatch>();
     std::array<epoll_event, 16> events_{};
     Spin spin_;
+    Spin announced_;
+    bool isAnnounced_ = false;  // a share will follow
     std::uint16_t latest_ = 0;  // the client that was served last, when it was the only one
     unsigned looks_ = 0;
     std::unordered_map<std::uint16_t, SessionPtr> active_;

@@ -8,6 +8,7 @@
 
 #include "Process.h"
 #include "Service.h"
+#include "Settings.h"
 #include "Spin.h"
 #include "Undo.h"
 #include "nex_nipc.h"
@@ -25,7 +26,7 @@ Session::Session(std::uint16_t number, Peer who, PacketSocket mainSocket, Packet
       peer(who),
       apart(canRunApart(who.pid)),
       main(std::move(mainSocket)),
-      acks(who),
+      acks(who, main, apart && spinLimit().count() > 0),
       control_(std::move(control)),
       lane_(lane),
       service_(std::move(service)),
@@ -267,8 +268,7 @@ bool Session::readControl(PacketBatch& scratch) {
 
 bool Session::handleControl(const Packet& packet) {
     const FrameHeader& header = packet.header;
-    const bool plain = header.functionId == 0 && header.length == 0;
-    if (!plain || packet.hasDescriptor()) return false;
+    if (!packet.isBare()) return false;
     const std::shared_ptr<Service> service = service_.lock();
     if (!service) return false;
     switch (header.type) {

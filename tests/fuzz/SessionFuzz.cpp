@@ -39,7 +39,7 @@ struct Service {
 
 FrameHeader headerFrom(FuzzInput& input) {
     constexpr std::uint16_t functions[] = {kEvent, kAnswer, kShare, kAcknowledge, kFlood, 1000, 1001, 65524, 65525, 0};
-    FrameHeader frame = header(static_cast<FrameType>(input.byte() % 14), functions[input.byte() % 10], 0);
+    FrameHeader frame = header(static_cast<FrameType>(input.byte() % 16), functions[input.byte() % 10], 0);
     frame.context = input.byte() % 4 * 16384U;
     frame.sequence = input.byte() % 5;
     frame.status = input.byte() % 3 - 1;

@@ -157,7 +157,7 @@ void HostileClient::randomFrames() {
     if (!enter(client)) return;
     std::string frames;  // Of one packet.
     for (unsigned i = below(20); i > 0; --i) {
-        FrameHeader frame = header(static_cast<FrameType>(below(14)), function(), below(100), below(2) * random_(),
+        FrameHeader frame = header(static_cast<FrameType>(below(16)), function(), below(100), below(2) * random_(),
                                    below(5), static_cast<std::int32_t>(below(5)) - 1);
         const std::size_t payload = frame.length;
         if (below(8) == 0) frame.length = lyingLength(random_());

@@ -63,7 +63,7 @@ void HostileService::refuse(const RawPeer& client) {
             frame.status = static_cast<std::int32_t>(random_());
             break;
         case 3:
-            frame.type = static_cast<FrameType>(below(14));
+            frame.type = static_cast<FrameType>(below(16));
             break;
         case 4:
             descriptors.assign(below(2) * 253, anyDescriptor());
@@ -86,7 +86,7 @@ void HostileService::violate(const RawClient& client) {
 
 void HostileService::sendNoise(const RawClient& client) {
     for (unsigned i = below(20); i > 0; --i) {
-        FrameHeader frame = header(static_cast<FrameType>(below(14)), static_cast<std::uint16_t>(random_()), below(100),
+        FrameHeader frame = header(static_cast<FrameType>(below(16)), static_cast<std::uint16_t>(random_()), below(100),
                                    below(2) * random_(), below(5), static_cast<std::int32_t>(below(3)) - 1);
         const std::size_t payload = frame.length;
         if (below(8) == 0) frame.length = lyingLength(random_());
@@ -115,7 +115,7 @@ void HostileService::lieInAnswers(const RawClient& client) {
     if (below(3) == 0) lie.length = lyingLength(random_());
     if (below(4) == 0) lie.context = random_();
     if (below(8) == 0) lie.sequence = below(3);
-    if (below(8) == 0) lie.type = static_cast<FrameType>(below(14));
+    if (below(8) == 0) lie.type = static_cast<FrameType>(below(16));
     std::vector<int> descriptors(below(3) == 0 ? 1 + below(2) : 0, anyDescriptor());
     ours.send(packet(lie, payload), descriptors);
 }

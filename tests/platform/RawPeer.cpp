@@ -186,6 +186,8 @@ const std::vector<Violation> kToService = {
     {"buffers without memory", header(FrameType::Buffers, 0, 0), 0},
     {"buffers in what is no memory", header(FrameType::Buffers, 0, 0), 0, 1},
     {"buffers on the control lane", header(FrameType::Buffers, 0, 0), 0, 1, true},
+    {"an announcement with a payload", header(FrameType::Announce, 0, 8), 8},
+    {"an announcement with a descriptor", header(FrameType::Announce, 0, 0), 0, 1},
     {"an end of a channel of nobody", header(FrameType::CloseChannel, 0, 0, 0, 5), 0, 0, true},
 };
 
@@ -203,6 +205,7 @@ const std::vector<Violation> kToClient = {
     {"a payload in a buffer of nobody", header(FrameType::Callback, kFunction, 5, 0, 0, 1), 0},
     {"buffers without memory", header(FrameType::Buffers, 0, 0), 0},
     {"buffers in what is no memory", header(FrameType::Buffers, 0, 0), 0, 1},
+    {"an announcement with a payload", header(FrameType::Announce, 0, 8), 8},
     {"an event on the control lane", header(FrameType::Callback, kFunction, 0), 0, 0, true},
     {"a channel unasked", header(FrameType::ChannelOpened, 0, 0), 0, 1, true},
 };

@@ -21,12 +21,17 @@ struct stat statusOf(const Fd& region) {
 
 ino_t inodeOf(const Fd& region) { return statusOf(region).st_ino; }
 
+struct Connection final : nexnipc::RegionUser {
+    void announce() const noexcept override { ++announced; }
+    mutable unsigned announced = 0;
+};
+
 // A pool that knows one process, over two connections.
 struct World {
     World() { pool.meet(one), pool.meet(one); }
 
     Fd make(std::size_t size = kSize) { return Fd(pool.make("test", size)); }
-    bool share(const Fd& region, std::uint32_t number, const void* over, bool toTheOne = true) {
+    bool share(const Fd& region, std::uint32_t number, const Connection* over, bool toTheOne = true) {
         return pool.share(region.get(), over, number, toTheOne);
     }
     // Makes, shares, is acknowledged, closes.
@@ -40,7 +45,7 @@ struct World {
     const Peer one{getpid(), getuid()};
     const Peer other{getppid(), getuid()};
     RegionPool pool;
-    const int first = 0, second = 0;  // stand for connections
+    const Connection first, second;
 };
 
 }  // namespace
@@ -144,6 +149,21 @@ TEST(RegionPoolTest, NothingIsUsedAgainOnceASecondProcessIsMet) {
         const Fd fresh = world.make(2 * kSize);
         EXPECT_EQ(statusOf(fresh).st_blocks, 0);
     }
+}
+
+TEST(RegionPoolTest, ARegionThatIsUsedAgainIsAnnouncedToWhomItWentBefore) {
+    World world;
+    world.use();
+    EXPECT_EQ(world.first.announced, 0U);
+    world.use();
+    EXPECT_EQ(world.first.announced, 1U);
+    world.use(1U << 20);
+    world.use(1U << 20);
+    EXPECT_EQ(world.first.announced, 1U) << "takes longer to fill than anybody waits for it";
+    world.pool.part(&world.first);
+    world.make();
+    EXPECT_EQ(world.first.announced, 1U) << "is gone";
+    EXPECT_EQ(world.second.announced, 0U);
 }
 
 TEST(RegionPoolTest, LittleIsKeptAndNothingWithoutAConnection) {
