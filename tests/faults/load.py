@@ -190,6 +190,8 @@ def kill_services(count, survivor):
             victim.hear("up")
         time.sleep(min(random.expovariate(1 / 0.03), 0.3))
         victim.kill()
+    if random.random() < 0.04:
+        time.sleep(random.choice([1.05, 3]))  # Long enough for the survivor to try ever more seldom.
     last = service(UUID + 1)
     start = time.monotonic()
     served = survivor.hear("served %d" % last.pid)

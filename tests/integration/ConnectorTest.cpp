@@ -1,14 +1,17 @@
 // The connector between real processes: the servers run in processes of their own, the clients here.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <deque>
+#include <list>
 #include <set>
 #include <thread>
 
 #include "TestServer.h"
 
 using namespace nipctest;
+using namespace std::chrono_literals;
 using smarthome::RequestStatus;
 
 namespace {
@@ -158,6 +161,31 @@ TEST_F(ConnectorTest, ACallbackMayMakeRequests) {
     });
     EXPECT_EQ(inbox->next(), "from inside");
     EXPECT_EQ(inbox->next(), "+" + digest(large.data(), large.size()));
+}
+
+TEST_F(ConnectorTest, AServerThatIsKilledAmidRequestsAndStartsAgainServesAsBefore) {
+    ASSERT_TRUE(self->subscribeForEvent("", "news", eventsTo(inbox)));
+    std::atomic<bool> ended{false};
+    std::thread asking([&] {
+        const std::string large = pattern(40000);
+        for (unsigned i = 0; !ended; ++i, std::this_thread::sleep_for(1ms)) {
+            const unsigned int length = i % 16 == 0 ? 40000 : 1;  // A large one that loses its server takes 3 s.
+            self->makeAsyncRequest("", "digest", large.data(), length, [](bool, auto, auto) {});
+        }
+    });
+    std::list<Process> later;
+    for (const auto away : {0ms, 200ms, 1050ms, 3000ms}) {
+        SCOPED_TRACE(away.count());
+        (later.empty() ? process : later.back()).kill();
+        std::this_thread::sleep_for(away);
+        later.emplace_back(std::vector<std::string>{"server", std::to_string(uuid)});
+        ASSERT_EQ(later.back().hear(), "up");
+        EXPECT_TRUE(isServed(*self));
+        EXPECT_EQ(request("publish", "7"), RequestStatus::Success);
+        EXPECT_EQ(inbox->next(), pattern(7));
+    }
+    ended = true;
+    asking.join();
 }
 
 int main(int argc, char** argv) {
