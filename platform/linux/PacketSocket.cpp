@@ -134,6 +134,8 @@ bool PacketSocket::isPacketSocket() const {
 
 void PacketSocket::shutdown() const { ::shutdown(fd_.get(), SHUT_RDWR); }
 
+void PacketSocket::refuse() const { ::shutdown(fd_.get(), SHUT_RD); }
+
 void PacketSocket::setSendLimit(int milliseconds) const {
     const timeval limit = toTimeval(milliseconds);
     ::setsockopt(fd_.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));

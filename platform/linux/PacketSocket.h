@@ -33,6 +33,8 @@ public:
                     Wait wait = Wait::Yes) const;
 
     void shutdown() const;
+    // The peer can send nothing any more, and leave nothing in it.
+    void refuse() const;
     void setSendLimit(int milliseconds) const;
     void setReceiveLimit(std::int64_t milliseconds) const;
     int fd() const { return fd_.get(); }

@@ -30,6 +30,7 @@ Service::Service(std::int32_t number, const ServerStartRecord& record)
       handle(number),
       upcall(record.listener, record.userContext),
       maxSync_(maxSyncLength()),
+      spinLimit_(spinLimit()),
       startedAt_(static_cast<std::uint64_t>(::time(nullptr))),
       budget_(std::make_shared<QueueBudget>(0)) {}
 
@@ -159,7 +160,22 @@ void Service::welcome(PacketSocket main, Peer peer, bool probe) {
     wake();
 }
 
+// A process that has ended may have left its own ends of a connection under way to us, where they stay open as long as
+// that client's requests are not read.
+void Service::letAbandonedLeave() {
+    std::vector<std::shared_ptr<Session>> sessions;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        sessions.reserve(sessions_.size());
+        for (const auto& entry : sessions_) sessions.push_back(entry.second);
+    }
+    for (const auto& session : sessions) {
+        if (::kill(session->peer.pid, 0) != 0 && errno == ESRCH) session->letLeave();
+    }
+}
+
 int Service::admit(PacketSocket& main, Peer peer, PacketSocket& theirControl, std::shared_ptr<Session>& session) {
+    letAbandonedLeave();
     PacketSocket control;
     if (const int status = PacketSocket::pair(control, theirControl)) return status;
     const std::uint16_t id = Process::get().clientIds.take();
@@ -168,7 +184,7 @@ int Service::admit(PacketSocket& main, Peer peer, PacketSocket& theirControl, st
     if (const int status = reserveClient(peer.pid)) return status;
     Undo noClient([&] { releaseClient(peer.pid); });
     const auto admitted = std::make_shared<Session>(id, peer, std::move(main), std::move(control), Process::get().lane,
-                                                    budget_, weak_from_this());
+                                                    budget_, weak_from_this(), spinLimit_.count() > 0);
     Undo noSession([&] {
         admitted->shutdown();
         Session::release(admitted);
@@ -186,7 +202,6 @@ int Service::admit(PacketSocket& main, Peer peer, PacketSocket& theirControl, st
 
 int Service::reserveClient(pid_t pid) {
     std::lock_guard<std::mutex> lock(mutex_);
-    dropAbandoned();
     PeerUse& use = peers_[pid];
     if (sessions_.size() >= kClientsPerService || use.clients >= kClientsPerPeer) {
         if (use.clients == 0) peers_.erase(pid);
@@ -194,15 +209,6 @@ int Service::reserveClient(pid_t pid) {
     }
     ++use.clients;
     return 0;
-}
-
-// A process that has ended may have left its own ends of a connection under way to us, where they stay open as long as
-// that client's requests are not read.
-void Service::dropAbandoned() {
-    for (const auto& entry : sessions_) {
-        Session& session = *entry.second;
-        if (session.isHeld() && ::kill(session.peer.pid, 0) != 0 && errno == ESRCH) session.shutdown();
-    }
 }
 
 void Service::releaseClient(pid_t pid) {

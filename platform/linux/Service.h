@@ -40,7 +40,7 @@ public:
     void welcome(PacketSocket main, Peer peer, bool probe);
     // Lane: a client has acknowledged a share.
     void acknowledged(std::uint16_t clientId);
-    // Lane: a client's queue has drained.
+    // Lane: a client's requests need not wait any more.
     void resume(std::uint16_t clientId);
     bool reserveChannel(Session& session);
     void releaseChannel(Session& session);
@@ -60,9 +60,9 @@ private:
     };
 
     int open();
+    void letAbandonedLeave();
     int admit(PacketSocket& main, Peer peer, PacketSocket& theirControl, std::shared_ptr<Session>& session);
     int reserveClient(pid_t pid);
-    void dropAbandoned();
     void releaseClient(pid_t pid);
     void releaseClientLocked(pid_t pid);
     void forget(std::shared_ptr<Session> session);
@@ -70,6 +70,7 @@ private:
     void wake();
 
     const std::uint32_t maxSync_;
+    const std::chrono::microseconds spinLimit_;
     const std::uint64_t startedAt_;
     const std::shared_ptr<QueueBudget> budget_;
     Endpoint endpoint_;

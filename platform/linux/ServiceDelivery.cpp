@@ -7,7 +7,6 @@
 #include <utility>
 
 #include "SealedMemory.h"
-#include "Settings.h"
 
 namespace nexnipc {
 namespace {
@@ -29,7 +28,7 @@ bool attempt(const Work& work) {
 }  // namespace
 
 ServiceDelivery::ServiceDelivery(std::shared_ptr<Service> service)
-    : pinned_(std::move(service)), service_(*pinned_), spin_(spinLimit()), announced_(spinLimit()) {}
+    : pinned_(std::move(service)), service_(*pinned_), spin_(service_.spinLimit_), announced_(service_.spinLimit_) {}
 
 bool Service::delivers(std::int32_t handle) { return deliveredHandle == handle; }
 
@@ -69,6 +68,7 @@ void ServiceDelivery::serveEvents(int count) {
 
 // Who asked last is likely to ask next: its socket is read directly, the others are looked at now and then.
 bool ServiceDelivery::lookAgain() {
+    Spin& spin = std::exchange(isAnnounced_, false) ? announced_ : spin_;
     const auto found = active_.find(latest_);
     if (found == active_.end() || !found->second->apart) return false;
     SessionPtr session = found->second;
@@ -80,7 +80,6 @@ bool ServiceDelivery::lookAgain() {
         if (others == 0) status = batch_->receive(session->main, Wait::No);
         return others != 0 || status != -EAGAIN;
     };
-    Spin& spin = std::exchange(isAnnounced_, false) ? announced_ : spin_;
     if (!spin.finds(look)) return false;
     if (others != 0) {
         serveEvents(others);

@@ -8,7 +8,6 @@
 
 #include "Process.h"
 #include "Service.h"
-#include "Settings.h"
 #include "Spin.h"
 #include "Undo.h"
 #include "nex_nipc.h"
@@ -21,12 +20,12 @@ constexpr timespec kRoomLimit{0, 100000};
 }  // namespace
 
 Session::Session(std::uint16_t number, Peer who, PacketSocket mainSocket, PacketSocket control, Lane& lane,
-                 std::shared_ptr<QueueBudget> budget, std::weak_ptr<Service> service)
+                 std::shared_ptr<QueueBudget> budget, std::weak_ptr<Service> service, bool spins)
     : id(number),
       peer(who),
       apart(canRunApart(who.pid)),
       main(std::move(mainSocket)),
-      acks(who, main, apart && spinLimit().count() > 0),
+      acks(who, main, apart && spins),
       control_(std::move(control)),
       lane_(lane),
       service_(std::move(service)),
@@ -189,14 +188,9 @@ void Session::onWritable() {
 
 bool Session::holdReading() {
     std::lock_guard<std::mutex> lock(sendMutex_);
-    // Once it is, only onWritable() and urged() end that: they tell the service to go on.
+    // Once it is, only onWritable(), urged() and letLeave() end that: they tell the service to go on.
     const bool isMuch = queue_.size() > SendQueue::kHighMark || (writableSource_ != 0 && queue_.isCrowded());
     held_ = held_ || (!urged_ && isMuch);
-    return held_;
-}
-
-bool Session::isHeld() {
-    std::lock_guard<std::mutex> lock(sendMutex_);
     return held_;
 }
 
@@ -241,13 +235,13 @@ void Session::onControl(PacketBatch& scratch) {
     if (!closed && !readControl(scratch)) shutdown();
     if (!closed && scratch.status() != -ECONNRESET) return;
     lane_.rest(controlSource_);
-    slots.shutdown();
-    onLeaving();
+    letLeave();
 }
 
 // What the client sent before is still in the main socket, whose end is the session's. It is read whatever was queued
 // for the client: its own end of that socket may be under way in there, and without that would never close.
-void Session::onLeaving() {
+void Session::letLeave() {
+    slots.shutdown();
     {
         std::lock_guard<std::mutex> lock(sendMutex_);
         leaving_ = true;

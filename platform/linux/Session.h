@@ -27,7 +27,7 @@ class Service;
 class Session final : public Gatherer, public std::enable_shared_from_this<Session> {
 public:
     Session(std::uint16_t id, Peer peer, PacketSocket main, PacketSocket control, Lane& lane,
-            std::shared_ptr<QueueBudget> budget, std::weak_ptr<Service> service);
+            std::shared_ptr<QueueBudget> budget, std::weak_ptr<Service> service, bool spins);
 
     // Starts to serve the control socket; 0 or a negative errno. Lane only.
     int attach();
@@ -37,6 +37,8 @@ public:
     int share(OutgoingShare& share);
     int acknowledge();
     void shutdown();
+    // Lane: the client takes nothing any more. What it has sent is delivered, then it is at its end.
+    void letLeave();
     // Lets go of one that was shut down. The lane closes its sockets and frees its queue, which may take a millisecond.
     static void release(std::shared_ptr<Session> session);
     void sendGathered() noexcept override;
@@ -45,8 +47,6 @@ public:
     // Delivery thread: true when so much is queued for the client that its requests had better wait. The
     // service is told when to go on.
     bool holdReading();
-    // Any thread: whether they wait.
-    bool isHeld();
     // Delivery thread: a synchronous request is being served.
     void setServed(std::uint32_t channel, std::uint32_t call);
 
@@ -66,7 +66,6 @@ private:
     bool readControl(PacketBatch& scratch);
     bool handleControl(const Packet& packet);
     bool openChannel();
-    void onLeaving();
     void urged(std::uint32_t channel, std::uint32_t call);
     void onWritable();
     int sendNow(const FrameHeader& header, const void* payload, int descriptor) const;

@@ -17,6 +17,7 @@ int SyncSlots::open(PacketSocket& theirs) {
         std::find_if(slots_.begin(), slots_.end(), [](const Slot& slot) { return !slot.socket.valid(); });
     if (unused == slots_.end()) return -EUSERS;
     if (const int status = PacketSocket::pair(unused->socket, theirs)) return status;
+    unused->socket.refuse();  // We never read it.
     const std::uint32_t generation = unused->openings++ % kGenerations;
     return static_cast<int>(generation * kChannelsPerClient + static_cast<std::uint32_t>(unused - slots_.begin()));
 }

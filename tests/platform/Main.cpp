@@ -81,15 +81,18 @@ int sharing(const std::vector<std::string>& arguments) {
     }
 }
 
-// Leaves its ends of a connection, the first or both, in the socket that the service has not read, and nowhere else.
+// Leaves its ends of a connection, the first or all, in a socket that the service does not read, and nowhere else.
 int abandoning(const std::vector<std::string>& arguments) {
     const auto uuid = uuidOf(arguments);
     const RawClient client = letIn(arguments.at(1), uuid);
     say("in");
-    const bool both = hearParent() == "both";
-    for (const RawPeer* const end : {&client.main, &client.control}) {
-        if (end == &client.control && !both) break;
-        client.main.send(packet(header(nexnipc::FrameType::Share, 0, 10), 10), {end->fd()});
+    const std::string where = hearParent();
+    if (where == "channel") client.control.send(packet(header(nexnipc::FrameType::OpenChannel, 0, 0), 0));
+    const RawPeer channel = where == "channel" ? client.control.receiveDescriptor() : RawPeer();
+    for (const RawPeer* const end : {&client.main, &client.control, &channel}) {
+        if (end == &client.control && where == "main") break;
+        const RawPeer& into = channel.valid() ? channel : client.main;
+        if (end->valid()) into.send(packet(header(nexnipc::FrameType::Share, 0, 10), 10), {end->fd()});
     }
     return 0;
 }

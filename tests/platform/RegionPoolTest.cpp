@@ -1,13 +1,11 @@
 // When the memory of a shared region is used again, and when it must not be.
-#include "../../platform/linux/RegionPool.h"
+#include "../../platform/linux/AckSequence.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-using nexnipc::Fd;
-using nexnipc::Peer;
-using nexnipc::RegionPool;
+using namespace nexnipc;
 
 namespace {
 
@@ -21,7 +19,7 @@ struct stat statusOf(const Fd& region) {
 
 ino_t inodeOf(const Fd& region) { return statusOf(region).st_ino; }
 
-struct Connection final : nexnipc::RegionUser {
+struct Connection final : RegionUser {
     void announce() const noexcept override { ++announced; }
     mutable unsigned announced = 0;
 };
@@ -164,6 +162,19 @@ TEST(RegionPoolTest, ARegionThatIsUsedAgainIsAnnouncedToWhomItWentBefore) {
     world.make();
     EXPECT_EQ(world.first.announced, 1U) << "is gone";
     EXPECT_EQ(world.second.announced, 0U);
+}
+
+TEST(RegionPoolTest, AnAnnouncementIsABareFrameOrNone) {
+    PacketSocket near, far;
+    ASSERT_EQ(PacketSocket::pair(near, far), 0);
+    const Peer self{getpid(), getuid()};
+    AckSequence(self, near, false).announce();
+    AckSequence(self, near, true).announce();
+    FrameHeader frame;
+    Fd none;
+    EXPECT_EQ(far.receiveInto(frame, nullptr, 0, none, Wait::No), 0);
+    EXPECT_EQ(frame.type, FrameType::Announce);
+    EXPECT_EQ(far.receiveInto(frame, nullptr, 0, none, Wait::No), -EAGAIN);
 }
 
 TEST(RegionPoolTest, LittleIsKeptAndNothingWithoutAConnection) {
