@@ -149,17 +149,6 @@ TEST_F(ConnectorTest, ConcurrentRequestsOfTwoClientsAreToldApart) {
     EXPECT_EQ(ids.count("nothing came"), 0U);
 }
 
-TEST_F(ConnectorTest, ACallbackMayMakeRequests) {
-    const std::string large = pattern(100000);
-    self->makeAsyncRequest("", "digest", "x", 1, [this, large](bool, auto, auto) {
-        const std::string answer = call("echo", "from inside");
-        inbox->add("", answer.data(), static_cast<unsigned int>(answer.size()));
-        request("digest", large);
-    });
-    EXPECT_EQ(inbox->next(), "from inside");
-    EXPECT_EQ(inbox->next(), "+" + digest(large.data(), large.size()));
-}
-
 int main(int argc, char** argv) {
     const int status = runRole(argc, argv, {{"server", runServer}});
     if (status >= 0) return status;

@@ -103,24 +103,6 @@ TEST_F(ConnectionRace, ARequestThatReconnectsDuringADisconnectKeepsItsConnection
     EXPECT_EQ(platform.calls(Operation::RpcSync).back().handle, platform.endpoint().handle);
 }
 
-TEST_F(ConnectionRace, TheReportAndAConnectTakeTheirLocksTogether) {
-    const Subject client = make(Role::Client);
-    Gate gate;
-    client.journal->onLine("Successfully connected to server", [&] { gate.pass(); });
-    EXPECT_TRUE(client->initialize());
-    ASSERT_TRUE(gate.awaitArrival());
-    auto report = std::async(std::launch::async, [&] { client->reportAggregateMetrics(); });
-    // A report that takes one lock and waits for the other gets the first within this time.
-    const auto limit = std::chrono::steady_clock::now() + std::chrono::milliseconds(200);
-    while (std::chrono::steady_clock::now() < limit && Access::statsMutex(*client).try_lock()) {
-        Access::statsMutex(*client).unlock();
-        std::this_thread::yield();
-    }
-    gate.open();
-    report.get();
-    expectConnected(client, 1);
-}
-
 TEST_F(ConnectionRace, AServiceMayBeCalledBeforeItsStartHasReturned) {
     const Subject server = make(Role::Server);
     platform.onNextCall(Operation::Start, [&](const Call& start) {
@@ -130,19 +112,6 @@ TEST_F(ConnectionRace, AServiceMayBeCalledBeforeItsStartHasReturned) {
     });
     EXPECT_TRUE(server->initialize());
     EXPECT_EQ(platform.calls(Operation::Callback).size(), 1U);
-}
-
-TEST_F(ConnectionRace, AServiceThatIsInitializedTwiceAtOnceStartsOnce) {
-    const Subject server = make(Role::Server);
-    std::future<bool> second;
-    platform.onNextCall(Operation::Start, [&](const Call&) {
-        second = std::async(std::launch::async, [&] { return server->initialize(); });
-        // One that does not wait for the first calls within this time.
-        EXPECT_FALSE(platform.waitForCalls(Operation::Start, 2, std::chrono::milliseconds(200)));
-    });
-    EXPECT_TRUE(server->initialize());
-    EXPECT_TRUE(second.get());
-    EXPECT_EQ(platform.calls(Operation::Start).size(), 1U);
 }
 
 TEST_F(ConnectionRace, AServiceThatIsInitializedTwiceWhileRetryingStartsOnce) {
