@@ -223,17 +223,20 @@ TEST_F(Lifecycle, AConnectorThatMemoryDoesNotSufficeForIsNotRegistered) {
     const nipcconnector::Registry& registry = nipcconnector::registry();
     const std::size_t instances = registry.instances.size();
     const std::size_t managers = registry.callbackManagers.size();
-    int failures = 0;
-    for (bool failed = true; failed; ++failures) {
-        std::string name(40, 'n');
-        failNew(failures + 1);
-        const auto connector = NIPCConnector::getInstance(true, name, {}, nullptr, nullptr);
-        failed = !failNew(0);
-        EXPECT_EQ(connector == nullptr, failed);
-        EXPECT_EQ(registry.instances.size(), instances + (failed ? 0 : 1));
-        EXPECT_EQ(registry.callbackManagers.size(), managers + (failed ? 0 : 1));
+    // Twice, since a table that grows in the first round shields an allocation from its failure.
+    for (std::size_t round = 1; round <= 2; ++round) {
+        int failures = 0;
+        for (bool failed = true; failed; ++failures) {
+            std::string name(39 + round, 'n');
+            failNew(failures + 1);
+            const auto connector = NIPCConnector::getInstance(true, name, {}, nullptr, nullptr);
+            failed = !failNew(0);
+            EXPECT_EQ(connector == nullptr, failed);
+            EXPECT_EQ(registry.instances.size(), instances + round - (failed ? 1 : 0));
+            EXPECT_EQ(registry.callbackManagers.size(), managers + round - (failed ? 1 : 0));
+        }
+        EXPECT_GT(failures, 5) << "the key, the owner, the manager and their places can each fail";
     }
-    EXPECT_GT(failures, 5) << "the key, the owner, the manager and their places can each fail";
 }
 
 }  // namespace

@@ -39,5 +39,26 @@ TEST_F(Metrics, TheReportNarrowsItsDimensionsButNotItsLine) {
     }
 }
 
+TEST_F(Metrics, NeitherLoggerNorRecorderIsNeeded) {
+    for (const bool logs : {false, true}) {
+        for (const bool records : {false, true}) {
+            const auto journal = std::make_shared<Journal>("bare");
+            NIPCConnector client(true, "bare", {"", 65535}, logs ? recordingLogger(journal) : nullptr,
+                                 records ? recordingRecorder(journal) : nullptr);
+            EXPECT_FALSE(client.initialize());
+            EXPECT_EQ(client.makeAsyncRequest("", "name", "", 0, nullptr), RequestStatus::Failure);
+            EXPECT_FALSE(Access::sendSync(client));
+            EXPECT_FALSE(Access::sendLargePayload(client, nullptr, 20000));
+            EXPECT_FALSE(Access::processFd(client, nullptr));
+            journal->clear();
+            client.reportAggregateMetrics();
+            Lines lines = report(false, 1, 0, 0);
+            if (!logs) lines.pop_back();
+            if (!records) lines.erase(lines.begin());
+            EXPECT_EQ(journal->lines(), lines);
+        }
+    }
+}
+
 }  // namespace
 }  // namespace nipctest
