@@ -63,11 +63,11 @@ TEST(Utf8, AcceptsSequencesAlsoOverlongAndBeyondTheLastCharacter) {
 TEST(Utf8, RefusesAndRemovesBrokenSequencesAndSurrogates) {
     // In hexadecimal, before and after the removal.
     const std::map<std::string, std::string> rows = {
-        {"61eda08062", "6162"},   {"61edbf6263", "6163"}, {"61ede96263", "6163"}, {"61edc3a962", "6162"},
-        {"61ed616263", "616263"}, {"61eda0", "61"},       {"61ed", "61"},         {"618062", "6162"},
-        {"61f888ff62", "6162"},   {"61c34162", "6162"},   {"61e2824162", "6162"}, {"61e24162", "6162"},
-        {"61f09f984162", "6162"}, {"61c3c3a962", "6162"}, {"61e282", "61"},       {"61c3", "61"},
-        {"61f09f98", "61"}};
+        {"61eda08062", "6162"},   {"61edbf6263", "6163"},  {"61ede96263", "6163"}, {"61edc3a962", "6162"},
+        {"61ed616263", "616263"}, {"61eda0", "61"},        {"61ed", "61"},         {"618062", "6162"},
+        {"61f888ff62", "6162"},   {"61c34162", "6162"},    {"61e2824162", "6162"}, {"61e24162", "6162"},
+        {"61f09f984162", "6162"}, {"61c3c3a962", "6162"},  {"61e282", "61"},       {"61c3", "61"},
+        {"61f09f98", "61"},       {"61f880808062", "6162"}};
     for (const auto& [before, after] : rows) {
         const std::string s = StringUtils::byteVectorToString(StringUtils::hexStringToByteVector(before));
         const std::string cleaned = StringUtils::removeNonUtf8Characters(s);
