@@ -42,9 +42,8 @@ const std::string kPacket(16383, 'p');
 class SharingTest : public PlatformTest {
 protected:
     void connect() {
-        ASSERT_EQ(service.start(kUuid), 0);
         ASSERT_EQ(client.connect(kUuid), 0);
-        id = service.next(NEX_NIPC_EVENT_CLIENT_CONNECTED).peer;
+        id = service.arrived();
     }
 
     static bool shareWhole(const Endpoint& from, std::uint16_t to, const std::string& text) {
@@ -56,7 +55,7 @@ protected:
 
     Endpoint::Handler onService;
     Endpoint::Handler onClient;
-    Endpoint service{[this](auto& self, auto& message, auto& p) {
+    Service service{[this](auto& self, auto& message, auto& p) {
         if (onService) onService(self, message, p);
     }};
     Endpoint client{[this](auto& self, auto& message, auto& p) {
@@ -134,24 +133,10 @@ TEST_F(SharingTest, OneAcknowledgementOfTheLatestShareIsDelivered) {
     EXPECT_TRUE(shareWhole(service, id, "there"));
     EXPECT_EQ(service.next(CLIENT_FD_PROCESSING_COMPLETED_ID).type, std::uint32_t{ASYNC_FUNCTION});
     client.disconnect();  // After it nothing comes any more, so the count is final.
-    service.next(NEX_NIPC_EVENT_CLIENT_DISCONNECTED);
+    service.left();
     EXPECT_EQ(client.count(SERVER_FD_PROCESSING_COMPLETED_ID), 0U);
     EXPECT_EQ(service.count(CLIENT_FD_PROCESSING_COMPLETED_ID), 0U);
 }
-
-#ifndef NIPC_TEST_EMULATOR  // It tells each thread another time at which the process began.
-TEST_F(SharingTest, ARegionIsUsedAgainUntilASecondProcessConnects) {
-    Process sharing({"sharing", std::to_string(kUuid)});
-    const auto next = [&] { return sharing.send("go"), sharing.hear(); };
-    EXPECT_EQ(sharing.hear(), "fresh");
-    EXPECT_EQ(next(), "again");
-    EXPECT_EQ(next(), "again");
-    EXPECT_EQ(client.connect(kUuid), 0);
-    EXPECT_EQ(next(), "fresh");
-    EXPECT_EQ(client.disconnect(), 0);
-    EXPECT_EQ(next(), "fresh");
-}
-#endif
 
 TEST_F(SharingTest, AListenerMayShareAndWaitForTheAcknowledgement) {
     std::atomic<int> inTime{0};
@@ -176,21 +161,6 @@ TEST_F(SharingTest, AListenerMayShareAndWaitForTheAcknowledgement) {
     EXPECT_EQ(inTime, 2);
 }
 
-TEST_F(SharingTest, ClientsConnectWhileAHandlerIsSlow) {
-    Signal release;
-    onService = [&](Endpoint&, const Message& message, nexNipc_parameter_t&) {
-        if (message.id == kRequest) release.wait();
-    };
-    connect();
-    ASSERT_EQ(client.request(kRequest, ""), 0);
-    Endpoint second;
-    EXPECT_EQ(second.connect(kUuid), 0);
-    EXPECT_EQ(second.next(NEX_NIPC_EVENT_CONNECTION_DONE).status, 0);
-    EXPECT_EQ(service.count(kRequest), 0U);
-    release.set();
-    service.next(NEX_NIPC_EVENT_CLIENT_CONNECTED);
-}
-
 TEST_F(SharingTest, AClientThatDoesNotReadLosesOnlyItsOwnEvents) {
     Signal inside;
     Signal release;
@@ -200,22 +170,14 @@ TEST_F(SharingTest, AClientThatDoesNotReadLosesOnlyItsOwnEvents) {
         release.wait();
     };
     connect();
-    Endpoint other;
-    ASSERT_EQ(other.connect(kUuid), 0);
-    const std::uint16_t otherId = service.next(NEX_NIPC_EVENT_CLIENT_CONNECTED).peer;
+    Client other;
+    const std::uint16_t otherId = service.arrived();
     ASSERT_EQ(service.callback(id, kEvent, "first"), 0);
     ASSERT_TRUE(inside.wait());
 
     // Events fill three quarters of 2 MiB beyond what the kernel holds, answers the rest.
-    const auto fill = [&](std::uint16_t function, void* context) {
-        std::size_t sent = 0;
-        nex_status_t status = 0;
-        while (sent < 1000 && (status = service.callback(id, function, kPacket, context)) == 0) ++sent;
-        EXPECT_EQ(status, -ENOBUFS);
-        return sent;
-    };
-    const std::size_t events = fill(kEvent, nullptr);
-    const std::size_t answers = fill(ASYNC_RESPONSE_SUCCESS_ID, contextOf(7));
+    const std::size_t events = service.fill(id);
+    const std::size_t answers = service.fill(id, ASYNC_RESPONSE_SUCCESS_ID, contextOf(7));
     EXPECT_GE(events, 90U);
     EXPECT_LE(events, 200U);
     EXPECT_GE(answers, 24U);
@@ -229,7 +191,7 @@ TEST_F(SharingTest, AClientThatDoesNotReadLosesOnlyItsOwnEvents) {
     EXPECT_EQ(service.next(kRequest).data, "other");
     release.set();
     for (std::size_t i = 0; i <= events; ++i) client.next(kEvent);
-    for (std::size_t i = 0; i < answers; ++i) EXPECT_EQ(client.next(ASYNC_RESPONSE_SUCCESS_ID).data, kPacket);
+    for (std::size_t i = 0; i < answers; ++i) client.next(ASYNC_RESPONSE_SUCCESS_ID);
     service.next(kRequest);
     EXPECT_EQ(service.callback(id, kEvent, "again"), 0);
     EXPECT_EQ(client.next(kEvent).data, "again");
@@ -254,9 +216,8 @@ TEST_F(SharingTest, ACallFromInsideTheListenerIsServedWhateverIsQueuedForIt) {
     };
     connect();
     ASSERT_EQ(other.connect(kUuid), 0);
-    std::size_t events = 0;
-    nex_status_t status = service.callback(id, kEvent, "first");
-    for (; status == 0; ++events) status = service.callback(id, kEvent, kPacket);
+    EXPECT_EQ(service.callback(id, kEvent, "first"), 0);
+    std::size_t events = 1 + service.fill(id);
     filled.set();
     while (events-- > 0 && !HasFailure()) client.next(kEvent);
     EXPECT_EQ(response, "call");
