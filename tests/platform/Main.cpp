@@ -9,7 +9,6 @@
 #include <set>
 
 #include "PlatformTest.h"
-#include "RawPeer.h"
 
 using namespace nipctest;
 
@@ -65,15 +64,16 @@ int sharing(const std::vector<std::string>&) {
     }
 }
 
-// Leaves its ends of a connection, the first or both, in the socket that the service has not read, and nowhere else.
+// Leaves its ends of a connection, none, the first or both, in the socket that the service has not read, and nowhere
+// else.
 int abandoning(const std::vector<std::string>& arguments) {
     const RawClient client = letIn(arguments.at(0), kUuid);
     say("in");
-    const bool both = hearParent() == "both";
-    for (const RawPeer* const end : {&client.main, &client.control}) {
-        if (end == &client.control && !both) break;
-        client.main.send(packet(header(nexnipc::FrameType::Share, 0, 10), 10), {end->fd()});
-    }
+    const std::string ends = hearParent();
+    for (int i = 0; i < 50; ++i) client.main.send(requests(0, 1));
+    const std::string share = packet(header(nexnipc::FrameType::Share, 0, 10), 10);
+    if (ends != "none") client.main.send(share, {client.main.fd()});
+    if (ends == "both") client.main.send(share, {client.control.fd()});
     return 0;
 }
 

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <list>
+#include <map>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -20,31 +21,23 @@ using namespace std::chrono_literals;
 
 namespace {
 
-struct PlatformThread {
-    std::string name;
-    std::uint64_t blocked = 0;
-    std::uint64_t switches = 0;
-};
+using Fields = std::map<std::string, std::string>;
 
-// Those of the platform are known by their names.
-std::vector<PlatformThread> platformThreads() {
-    std::vector<PlatformThread> threads;
+// What the kernel says of those of the platform, which are known by their names.
+std::vector<Fields> platformThreads() {
+    std::vector<Fields> threads;
     for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-        PlatformThread thread;
+        Fields thread;
         std::ifstream status(task.path() / "status");
-        for (std::string key, value; status >> key && std::getline(status, value);) {
-            if (key == "Name:") thread.name = value.substr(1);
-            if (key == "SigBlk:") thread.blocked = std::stoull(value, nullptr, 16);
-            if (key == "voluntary_ctxt_switches:") thread.switches += std::stoull(value);
-        }
-        if (thread.name.rfind("nipc-", 0) == 0) threads.push_back(thread);
+        for (std::string key; status >> key;) std::getline(status, thread[key]);
+        if (thread["Name:"].find("nipc-") != std::string::npos) threads.push_back(thread);
     }
     return threads;
 }
 
 std::uint64_t switches() {
     std::uint64_t sum = 0;
-    for (const PlatformThread& thread : platformThreads()) sum += thread.switches;
+    for (Fields& thread : platformThreads()) sum += std::stoull(thread["voluntary_ctxt_switches:"]);
     return sum;
 }
 
@@ -66,9 +59,10 @@ TEST_F(ResourceTest, ThreadsHaveNamesTakeNoSignalsAndSleepWhenIdle) {
     client.next(NEX_NIPC_EVENT_CONNECTION_DONE);
     for (int i = 0; i < 100; ++i) client.call(kRequest, "x");
     EXPECT_TRUE(eventually([] { return platformThreads().size() == 3; }));  // One of the process, one of each handle.
-    for (const PlatformThread& thread : platformThreads()) {
+    for (Fields& thread : platformThreads()) {
+        const std::uint64_t blocked = std::stoull(thread["SigBlk:"], nullptr, 16);
         for (const int signal : {SIGINT, SIGTERM, SIGCHLD, SIGUSR1, SIGALRM, SIGPIPE}) {
-            EXPECT_TRUE(thread.blocked >> static_cast<unsigned>(signal - 1) & 1U) << thread.name << " takes " << signal;
+            EXPECT_TRUE(blocked >> static_cast<unsigned>(signal - 1) & 1U) << thread["Name:"] << " takes " << signal;
         }
     }
     // A timer of the last handshake may still go off, but soon two seconds pass without anything.
@@ -82,13 +76,11 @@ TEST_F(ResourceTest, ThreadsHaveNamesTakeNoSignalsAndSleepWhenIdle) {
 }
 
 TEST_F(ResourceTest, NothingIsInheritedThroughExec) {
-    Process bare({"descriptors"});
-    const std::string usual = bare.hear();
+    const std::string usual = Process({"descriptors"}).hear();
     const Service service;
     const Client client;
     client.call(kRequest, std::string(100000, 'x'), 100000);
-    Process later({"descriptors"});
-    EXPECT_EQ(later.hear(), usual);
+    EXPECT_EQ(Process({"descriptors"}).hear(), usual);
 }
 
 TEST_F(ResourceTest, ConnectionsComeAndGoWithoutATrace) {
@@ -156,11 +148,14 @@ TEST_F(ResourceTest, ClientsThatDoNotReadCostTheOthersNoAnswer) {
     const RawClient healthy = letIn();
     service.arrived();
     std::list<RawClient> idle;
-    for (bool isFull = false; !isFull;) {
+    std::size_t queued = 0;
+    for (std::size_t sent = 50; sent >= 50; queued += sent * 16383) {
         ASSERT_LT(idle.size(), 100U) << "no limit for all queues";
         idle.push_back(letIn());
-        isFull = service.fill(service.arrived()) < 50;
+        sent = service.fill(service.arrived());
     }
+    EXPECT_GT(queued, 60U << 20U);
+    EXPECT_LT(queued, (64U << 20U) + idle.size() * (512U << 10U));
     constexpr unsigned kCount = 20;
     const std::string asked = requests(0, kCount);
     const auto expectAnswers = [](const RawClient& client, unsigned count) {
