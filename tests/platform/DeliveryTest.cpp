@@ -1,5 +1,4 @@
 // What is promised of requests, answers and events between a service and its clients.
-#include <atomic>
 #include <cerrno>
 #include <map>
 
@@ -150,14 +149,9 @@ TEST_F(DeliveryTest, WhatCannotBeCarriedIsRefused) {
     own = &client;
     EXPECT_EQ(client.call(kRequest, "outer").response, "outer");
     const std::uint16_t id = service.arrived();
-    Endpoint nobody;
-    nobody.handle = 1 << 20;
-    AsyncRpcRecord nothing{};
-    nothing.functionId = kRequest;
-    nothing.length = 10;
-    CallbackRecord noEvent{};
-    noEvent.functionId = kEvent;
-    noEvent.length = 10;
+    AsyncRpcRecord nothing{kRequest, 0, nullptr, 10, 0, kRequest, 0, 0, nullptr};
+    AsyncRpcRecord good{kRequest, 0, nullptr, 0, 0, kRequest, 0, 0, nullptr};
+    CallbackRecord noEvent{0, kEvent, 0, 0, nullptr, 10, nullptr};
     std::int32_t handle = 0;
     const struct {
         const char* name;
@@ -178,12 +172,11 @@ TEST_F(DeliveryTest, WhatCannotBeCarriedIsRefused) {
         {"no record", nexNipc_rpcSync(client.handle, nullptr), -EINVAL},
         {"no start record", nexNipc_start(&handle, nullptr), -EINVAL},
         {"no handle", nexNipc_disconnect(nullptr), -EINVAL},
-        {"a handle of nobody", nobody.request(kRequest, ""), -EBADF},
+        {"a handle of nobody", nexNipc_rpcAsync(1 << 20, &good), -EBADF},
         {"a request of a service", service.request(kRequest, ""), -EBADF},
         {"an event of a client", client.callback(id, kEvent, ""), -EBADF},
         {"a client that is not there", service.callback(static_cast<std::uint16_t>(id + 1), kEvent, ""), -ENOTCONN},
     };
     for (const auto& c : cases) EXPECT_EQ(c.result, c.expected) << c.name;
-    nobody.handle = -1;
     EXPECT_EQ(client.call(kRequest, "still here").response, "still here");
 }

@@ -1,11 +1,7 @@
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cstdlib>
-#include <future>
-#include <optional>
 #include <set>
 
 #include "PlatformTest.h"
@@ -24,21 +20,11 @@ int service(const std::vector<std::string>&) {
         if (message.type == SYNC_FUNCTION) echo(parameter);
     });
     say("started " + std::to_string(endpoint.start(kUuid)));
-    std::optional<FewDescriptors> few;
     for (std::string order = hearParent(); !order.empty(); order = hearParent()) {
-        few.reset();
-        if (order == "starve") few.emplace(0);
+        limitDescriptors(order == "starve" ? std::optional<rlim_t>(0) : std::nullopt);
         say("done");
     }
     _exit(0);
-}
-
-// Tries to reach a service as another user.
-int stranger(const std::vector<std::string>&) {
-    if (setgid(65534) != 0 || setuid(65534) != 0) return 1;
-    Endpoint client;
-    say(client.connect(kUuid) == 0 ? "let in" : "refused");
-    return 0;
 }
 
 int descriptors(const std::vector<std::string>&) {
@@ -120,7 +106,6 @@ int main(int argc, char** argv) {
                                {{"service", service},
                                 {"sharing", sharing},
                                 {"abandoning", abandoning},
-                                {"stranger", stranger},
                                 {"descriptors", descriptors},
                                 {"ending", ending}});
     if (status >= 0) return status;

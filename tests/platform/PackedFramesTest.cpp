@@ -2,9 +2,6 @@
 #include <dlfcn.h>
 #include <poll.h>
 
-#include <atomic>
-#include <thread>
-
 #include "PlatformTest.h"
 
 using namespace nexnipc;
@@ -126,8 +123,7 @@ TEST_F(PackedFramesTest, EventsNowAndThenGoAtOnce) {
 
 TEST_F(PackedFramesTest, AnswersSharePacketsThatStaySmall) {
     constexpr unsigned kCount = 40;
-    std::atomic<unsigned> lost{0};
-    const Service service(answering(1000, lost));
+    const Service service(answering(1000));
     const RawClient peer = letIn();
     EXPECT_TRUE(peer.main.send(packetOf(FrameType::AsyncRequest, kRequest, std::vector<std::string>(kCount))));
     const Received answers = receiveFrames(peer.main, kCount);
@@ -138,8 +134,7 @@ TEST_F(PackedFramesTest, AnswersSharePacketsThatStaySmall) {
 
 TEST_F(PackedFramesTest, AClientThatTakesOneAnswerAtATimeIsWaitedForOnce) {
     constexpr unsigned kCount = 60;  // Three times what the socket holds.
-    std::atomic<unsigned> lost{0};
-    Service service(answering(16000, lost));
+    Service service(answering(16000));
     const RawClient peer = letIn();
     waits = 0;
     slowReader = &peer.main;
@@ -152,8 +147,7 @@ TEST_F(PackedFramesTest, AClientThatTakesOneAnswerAtATimeIsWaitedForOnce) {
 
 TEST_F(PackedFramesTest, AnswersToOnePacketDoNotOutgrowTheirQueue) {
     constexpr unsigned kCount = 300;  // Together more than twice what is queued for one client.
-    std::atomic<unsigned> lost{0};
-    Service service(answering(16000, lost));
+    Service service(answering(16000));
     const Client other;
     for (const bool reads : {true, false}) {
         RawClient peer = letIn();

@@ -50,8 +50,8 @@ std::string requests(unsigned first, unsigned count) {
     return packetOf(FrameType::AsyncRequest, kRequest, texts);
 }
 
-Endpoint::Handler answering(std::size_t length, std::atomic<unsigned>& lost) {
-    return [length, &lost](Endpoint& self, const Message& message, nexNipc_parameter_t& parameter) {
+Endpoint::Handler PlatformTest::answering(std::size_t length) {
+    return [this, length](Endpoint& self, const Message& message, nexNipc_parameter_t& parameter) {
         if (message.type == SYNC_FUNCTION) echo(parameter);
         if (message.type != ASYNC_FUNCTION) return;
         const std::string text = filled(message.data, length);
@@ -67,10 +67,10 @@ void expectNumbered(const std::vector<RawFrame>& frames, unsigned first, unsigne
     }
 }
 
-FewDescriptors::FewDescriptors(rlim_t spare) {
-    getrlimit(RLIMIT_NOFILE, &usual_);
-    const int free = dup(STDIN_FILENO);  // The lowest number that is.
-    close(free);
-    const rlimit limit{static_cast<rlim_t>(free) + spare, usual_.rlim_max};
+void limitDescriptors(std::optional<rlim_t> spare) {
+    static rlimit usual{};
+    if (usual.rlim_cur == 0) getrlimit(RLIMIT_NOFILE, &usual);
+    const Fd free(dup(STDIN_FILENO));  // The lowest number that is.
+    const rlimit limit{spare ? static_cast<rlim_t>(free.get()) + *spare : usual.rlim_cur, usual.rlim_max};
     setrlimit(RLIMIT_NOFILE, &limit);
 }

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <chrono>
 #include <future>
+#include <optional>
 #include <stdexcept>
 #include <thread>
 
@@ -22,7 +23,10 @@ constexpr std::uint16_t kNever = 2001;  // A synchronous request that the servic
 class PlatformTest : public testing::Test {
 protected:
     RawClient letIn() const { return ::letIn(path, kUuid); }
+    /// Answers requests with what they say, filled to that length.
+    Endpoint::Handler answering(std::size_t length);
 
+    std::atomic<unsigned> lost{0};  // Answers that found no room.
     const nipctest::ServiceDirectory directory;
     const std::string path = directory.path + "/" + std::to_string(kUuid) + ".sock";
 };
@@ -70,22 +74,11 @@ void offerBuffers(const RawClient& client, nexnipc::SharedBuffers& buffers);
 std::string filled(const std::string& start, std::size_t length);
 /// A packet of requests with the numbers from `first` on.
 std::string requests(unsigned first, unsigned count);
-/// Answers requests with what they say, filled to that length. Counts the answers that find no room.
-Endpoint::Handler answering(std::size_t length, std::atomic<unsigned>& lost);
 /// As many such texts as that, numbered from `first` on.
 void expectNumbered(const std::vector<RawFrame>& frames, unsigned first, unsigned count);
 
-/// Until it goes, this process may have only so many descriptors more.
-class FewDescriptors {
-public:
-    explicit FewDescriptors(rlim_t spare);
-    ~FewDescriptors() { setrlimit(RLIMIT_NOFILE, &usual_); }
-    FewDescriptors(const FewDescriptors&) = delete;
-    FewDescriptors& operator=(const FewDescriptors&) = delete;
-
-private:
-    rlimit usual_{};
-};
+/// Lets this process have only so many descriptors more, or as many as usual.
+void limitDescriptors(std::optional<rlim_t> spare);
 
 /// Something that happens once, in one thread, and is waited for in others.
 class Signal {

@@ -1,7 +1,6 @@
 // What is promised of threads, descriptors, queues and time spent.
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <ctime>
@@ -9,9 +8,7 @@
 #include <fstream>
 #include <list>
 #include <map>
-#include <thread>
 #include <utility>
-#include <vector>
 
 #include "PlatformTest.h"
 
@@ -75,15 +72,8 @@ TEST_F(ResourceTest, ThreadsHaveNamesTakeNoSignalsAndSleepWhenIdle) {
     EXPECT_EQ(woken, 0U);
 }
 
-TEST_F(ResourceTest, NothingIsInheritedThroughExec) {
-    const std::string usual = Process({"descriptors"}).hear();
-    const Service service;
-    const Client client;
-    client.call(kRequest, std::string(100000, 'x'), 100000);
-    EXPECT_EQ(Process({"descriptors"}).hear(), usual);
-}
-
-TEST_F(ResourceTest, ConnectionsComeAndGoWithoutATrace) {
+TEST_F(ResourceTest, ConnectionsComeAndGoWithoutATraceAndNoneIsInheritedThroughExec) {
+    const std::string inherited = Process({"descriptors"}).hear();
     Service service;
     const auto useOne = [&service] {
         const Client client;
@@ -101,18 +91,20 @@ TEST_F(ResourceTest, ConnectionsComeAndGoWithoutATrace) {
     const std::size_t tasks = taskCount(self);
     for (int i = 0; i < 30; ++i) useOne();
     EXPECT_TRUE(eventually([&] { return descriptorCount(self) <= descriptors && taskCount(self) <= tasks; }));
+    const Client open;
+    open.call(kRequest, std::string(100000, 'x'), 100000);
+    EXPECT_EQ(Process({"descriptors"}).hear(), inherited);
 }
 
 TEST_F(ResourceTest, AServiceThatStartsShortOfDescriptorsSaysSoOrServes) {
     nex_status_t status = -EMFILE;
     for (rlim_t spare = 0; status == -EMFILE && spare < 20; ++spare) {
         Endpoint service;
-        {
-            const FewDescriptors few(spare);
-            status = service.start(kUuid);
-            // Whatever its thread would still open, it has not got.
-            if (status == 0) std::this_thread::sleep_for(50ms);
-        }
+        limitDescriptors(spare);
+        status = service.start(kUuid);
+        // Whatever its thread would still open, it has not got.
+        if (status == 0) std::this_thread::sleep_for(50ms);
+        limitDescriptors(std::nullopt);
         if (status == 0) {
             EXPECT_EQ(Client().call(kRequest, "x").response, "x");
         }
@@ -141,9 +133,8 @@ TEST_F(ResourceTest, AServiceShortOfDescriptorsGoesOnWithoutSpinning) {
 
 TEST_F(ResourceTest, ClientsThatDoNotReadCostTheOthersNoAnswer) {
     std::atomic<std::size_t> length{0};
-    std::atomic<unsigned> lost{0};
     Service service([&](Endpoint& self, const Message& message, nexNipc_parameter_t& parameter) {
-        answering(length, lost)(self, message, parameter);
+        answering(length)(self, message, parameter);
     });
     const RawClient healthy = letIn();
     service.arrived();

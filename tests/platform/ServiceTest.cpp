@@ -4,7 +4,6 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <filesystem>
 #include <set>
@@ -16,7 +15,7 @@ using namespace std::chrono_literals;
 
 using ServiceTest = PlatformTest;
 
-TEST_F(ServiceTest, ALiveServiceKeepsItsUuidAndAKilledOneEndsCallsAndIsReplaced) {
+TEST_F(ServiceTest, ALiveServiceKeepsItsUuidAKilledOneEndsCallsAndIsWaitedForAndReplaced) {
     Process first({"service"});
     ASSERT_EQ(first.hear(), "started 0");
     Endpoint second;
@@ -30,29 +29,23 @@ TEST_F(ServiceTest, ALiveServiceKeepsItsUuidAndAKilledOneEndsCallsAndIsReplaced)
     EXPECT_EQ(waiting.get().transport, -ECONNRESET);
     client.next(NEX_NIPC_EVENT_SERVER_DOWN);
     EXPECT_NE(client.call(kRequest, "hello").transport, 0);
+
+    // Its socket stays behind and refuses, which counts as absent: one attempt is short, and later ones wait.
+    Endpoint late;
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_NE(late.connect(kUuid), 0);
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, 900ms);
+    std::future<nex_status_t> later = std::async(std::launch::async, [&late] { return late.connect(kUuid); });
+    EXPECT_EQ(later.wait_for(1500ms), std::future_status::timeout);
     EXPECT_EQ(second.start(kUuid), 0);
+    EXPECT_EQ(later.get(), 0);
+    EXPECT_EQ(late.next(NEX_NIPC_EVENT_CONNECTION_DONE).status, 0);
+
     Endpoint third;
     EXPECT_EQ(third.start(kUuid), -EADDRINUSE);
     EXPECT_EQ(second.disconnect(), 0);
     EXPECT_EQ(third.start(kUuid), 0);
     EXPECT_EQ(client.count(NEX_NIPC_EVENT_SERVER_DOWN), 0U);
-}
-
-TEST_F(ServiceTest, AFirstConnectWaitsASecondAndALaterOneUntilTheServiceComes) {
-    {
-        Process killed({"service"});
-        ASSERT_EQ(killed.hear(), "started 0");
-    }  // Its socket stays behind and refuses, which counts as absent.
-    Endpoint client;
-    const auto begin = std::chrono::steady_clock::now();
-    EXPECT_NE(client.connect(kUuid), 0);
-    EXPECT_GE(std::chrono::steady_clock::now() - begin, 900ms);
-
-    std::future<nex_status_t> later = std::async(std::launch::async, [&client] { return client.connect(kUuid); });
-    EXPECT_EQ(later.wait_for(1500ms), std::future_status::timeout);
-    Service service;
-    EXPECT_EQ(later.get(), 0);
-    EXPECT_EQ(client.next(NEX_NIPC_EVENT_CONNECTION_DONE).status, 0);
 }
 
 TEST_F(ServiceTest, ConnectionDoneComesFirstOnAThreadOfTheHandleWhichIsWrittenBefore) {
@@ -171,17 +164,4 @@ TEST_F(ServiceTest, OnlyASafeDirectoryIsUsedAndItIsCheckedEachTime) {
         fs::remove_all(place);
         fs::remove_all(real);
     }
-}
-
-TEST_F(ServiceTest, AnotherUserIsRefused) {
-    if (geteuid() != 0) GTEST_SKIP() << "needs root";
-    Service service;
-    // Also where the file modes would let him.
-    ASSERT_EQ(chmod(directory.path.c_str(), 0755), 0);
-    for (const auto& entry : std::filesystem::directory_iterator(directory.path)) {
-        ASSERT_EQ(chmod(entry.path().c_str(), 0666), 0);
-    }
-    Process stranger({"stranger"});
-    EXPECT_EQ(stranger.hear(), "refused");
-    EXPECT_EQ(service.count(NEX_NIPC_EVENT_CLIENT_CONNECTED), 0U);
 }

@@ -52,8 +52,7 @@ TEST_F(SharedBuffersTest, AStreamArrivesInOrderThroughThem) {
 }
 
 TEST_F(SharedBuffersTest, AreUsedWhenTheReceiverIsReadyAndAsFarAsItReleasesThem) {
-    std::atomic<unsigned> lost{0};
-    const Service service(answering(5000, lost));
+    const Service service(answering(5000));
     const RawClient peer = letIn();
     unsigned next = 0;
     RawPeer region;
@@ -90,8 +89,7 @@ TEST_F(SharedBuffersTest, AreUsedWhenTheReceiverIsReadyAndAsFarAsItReleasesThem)
 
 TEST_F(SharedBuffersTest, AreForAFewPeersAtATime) {
     ASSERT_TRUE(eventually([] { return mappedBuffers() == 0; })) << "of tests before this one";
-    std::atomic<unsigned> lost{0};
-    Service service(answering(5000, lost));
+    Service service(answering(5000));
     const auto isOffered = [&](const RawClient& peer) {
         bool offered = false;
         for (unsigned i = 0; i < 10 && !offered; ++i) {
