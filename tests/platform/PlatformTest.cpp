@@ -11,7 +11,7 @@ using namespace nexnipc;
 std::size_t Service::fill(std::uint16_t client, std::uint16_t function, void* context) const {
     std::size_t sent = 0;
     nex_status_t status = 0;
-    while (sent < 1000 && (status = callback(client, function, std::string(16383, 'p'), context)) == 0) ++sent;
+    while (sent < 1000 && (status = callback(client, function, std::string(16000, 'p'), context)) == 0) ++sent;
     EXPECT_EQ(status, -ENOBUFS);
     return sent;
 }

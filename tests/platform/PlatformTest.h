@@ -40,7 +40,8 @@ public:
     /// The next client that has come, or gone.
     std::uint16_t arrived() { return next(NEX_NIPC_EVENT_CLIENT_CONNECTED).peer; }
     std::uint16_t left() { return next(NEX_NIPC_EVENT_CLIENT_DISCONNECTED).peer; }
-    /// How many messages of 16383 bytes go to a client that does not read them.
+    /// How many messages of 16000 bytes go to a client that does not read them. What all queues may hold leaves room
+    /// for hardly anything beside those.
     std::size_t fill(std::uint16_t client, std::uint16_t function = kEvent, void* context = nullptr) const;
 };
 

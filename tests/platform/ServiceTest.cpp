@@ -69,29 +69,35 @@ TEST_F(ServiceTest, ConnectionDoneComesFirstOnAThreadOfTheHandleWhichIsWrittenBe
     EXPECT_NE(service.handle, client.handle);
 }
 
-TEST_F(ServiceTest, DisconnectWaitsForTheListenerAndNoneRunsAfterIt) {
-    Signal inside;
-    Signal release;
-    std::atomic<bool> left{false};
-    std::atomic<int> calls{0};
+TEST_F(ServiceTest, DisconnectWaitsForTheListenerAlsoWhereThatEndedItsHandleAndNoneRunsAfterIt) {
     Service service;
-    Client client([&](Endpoint&, const Message& message, nexNipc_parameter_t&) {
-        if (message.id != kEvent || ++calls > 1) return;
-        inside.set();
-        release.wait();
-        left = true;
-    });
-    const std::uint16_t id = service.arrived();
-    ASSERT_EQ(service.callback(id, kEvent, ""), 0);
-    ASSERT_TRUE(inside.wait());
-    EXPECT_EQ(service.callback(id, kEvent, ""), 0);  // Not delivered any more.
-    std::future<bool> disconnected = std::async(std::launch::async, [&] { return client.disconnect() == 0 && left; });
-    EXPECT_EQ(disconnected.wait_for(100ms), std::future_status::timeout);
-    release.set();
-    EXPECT_TRUE(disconnected.get());
-    EXPECT_EQ(calls, 1);
-    EXPECT_EQ(service.left(), id);
-    EXPECT_EQ(service.callback(id, kEvent, ""), -ENOTCONN);
+    for (const bool itself : {false, true}) {
+        SCOPED_TRACE(itself);
+        Signal inside;
+        Signal release;
+        std::atomic<bool> left{false};
+        std::atomic<int> calls{0};
+        Client client([&](Endpoint& self, const Message& message, nexNipc_parameter_t&) {
+            if (message.id != kEvent || ++calls > 1) return;
+            std::int32_t handle = self.handle;
+            EXPECT_EQ(itself ? nexNipc_disconnect(&handle) : 0, 0);
+            inside.set();
+            release.wait();
+            left = true;
+        });
+        const std::uint16_t id = service.arrived();
+        for (int i = 0; i < 10; ++i) service.callback(id, kEvent, "");  // All but one are not delivered any more.
+        ASSERT_TRUE(inside.wait());
+        std::future<bool> ended =
+            std::async(std::launch::async, [&] { return client.disconnect() == (itself ? -EBADF : 0) && left; });
+        EXPECT_EQ(ended.wait_for(100ms), std::future_status::timeout);
+        release.set();
+        EXPECT_TRUE(ended.get());
+        EXPECT_EQ(calls, 1);
+        EXPECT_EQ(client.count(NEX_NIPC_EVENT_SERVER_DOWN), 0U);
+        EXPECT_EQ(service.left(), id);
+        EXPECT_EQ(service.callback(id, kEvent, ""), -ENOTCONN);
+    }
 }
 
 TEST_F(ServiceTest, ClientIdsBelongToOneServiceAndAreNotReusedSoon) {

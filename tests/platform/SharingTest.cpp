@@ -34,7 +34,7 @@ int pipeEnd() {
     return ends[1];
 }
 
-const std::string kPacket(16383, 'p');
+const std::string kPacket(16000, 'p');
 
 bool shareWhole(const Endpoint& from, std::uint16_t to, const std::string& text) {
     const int region = regionOf(text);
