@@ -8,58 +8,48 @@ using CallsFromInside = ConnectorTest;
 
 using Code = std::function<void()>;
 
-/// One kind of user code: how it is stored, removed and called.
-struct Kind {
+/// One kind of user code: how it is stored and removed, and what calls it.
+const struct Kind {
     const char* name;
     Role role;
-    std::function<void(NIPCConnector&, Code)> store;
-    std::function<void(NIPCConnector&)> remove;  // Nothing where it runs once at most.
-    std::function<void(FakePlatform&)> call;
-};
-
-smarthome::AsyncResponseCallback callback(Code code) {
-    return [code = std::move(code)](bool, const char*, unsigned int) { code(); };
-}
-
-const std::vector<Kind>& kinds() {
-    static const std::vector<Kind> all = {
-        {"sync request handler", Role::Server,
-         [](NIPCConnector& c, Code code) {
-             c.registerSyncRequestHandler("get", [code = std::move(code)](const char*, unsigned int) {
-                 code();
-                 return std::vector<char>(1);
-             });
-         },
-         [](NIPCConnector& c) { c.unregisterSyncRequestHandler("get"); },
-         [](FakePlatform& platform) { platform.deliverRequest(SYNC_FUNCTION, computeFunctionId("get"), "", 5); }},
-        {"async request handler", Role::Server,
-         [](NIPCConnector& c, Code code) {
-             c.registerAsyncRequestHandler(
-                 "set", [code = std::move(code)](const char*, unsigned int, auto respond, const std::string&) {
-                     code();
-                     respond(true, "", 0);
-                 });
-         },
-         [](NIPCConnector& c) { c.unregisterAsyncRequestHandler("set"); },
-         [](FakePlatform& platform) { platform.deliverRequest(ASYNC_FUNCTION, computeFunctionId("set"), "", 5, 9); }},
-        {"event handler", Role::Client,
-         [](NIPCConnector& c, Code code) {
-             c.subscribeForEvent("", "event", [code = std::move(code)](const char*, unsigned int) { code(); });
-         },
-         [](NIPCConnector& c) { c.unsubscribeForEvent("", "event"); },
-         [](FakePlatform& platform) { platform.deliverCallback(computeFunctionId("event"), ""); }},
-        {"recurring callback", Role::Client,
-         [](NIPCConnector& c, Code code) { c.setRecurringCallback(callback(std::move(code))); },
-         [](NIPCConnector& c) { c.setRecurringCallback(nullptr); },
-         [](FakePlatform& platform) { platform.deliverCallback(ASYNC_RESPONSE_SUCCESS_ID, "", 1); }},
-        {"response callback", Role::Client,
-         [](NIPCConnector& c, Code code) { c.makeAsyncRequest("", "name", "", 0, callback(std::move(code))); }, nullptr,
-         [](FakePlatform& platform) {
-             const auto requests = platform.calls(Operation::RpcAsync);
-             platform.deliverCallback(ASYNC_RESPONSE_SUCCESS_ID, "", requests.back().requestContext);
-         }}};
-    return all;
-}
+    void (*store)(NIPCConnector&, const Code&);
+    void (*remove)(NIPCConnector&);  // Nothing where it runs once at most.
+    Message message;
+} kinds[] = {
+    {"sync request handler",
+     Role::Server,
+     [](NIPCConnector& c, const Code& code) {
+         c.registerSyncRequestHandler("get", [code](auto, auto) { return code(), std::vector<char>(1); });
+     },
+     [](NIPCConnector& c) { c.unregisterSyncRequestHandler("get"); },
+     {SYNC_FUNCTION, 5, computeFunctionId("get"), 0, ""}},
+    {"async request handler",
+     Role::Server,
+     [](NIPCConnector& c, const Code& code) {
+         c.registerAsyncRequestHandler("set", [code](auto, auto, auto respond, auto&) {
+             code();
+             respond(true, "", 0);
+         });
+     },
+     [](NIPCConnector& c) { c.unregisterAsyncRequestHandler("set"); },
+     {ASYNC_FUNCTION, 5, computeFunctionId("set"), 0, "", 9}},
+    {"event handler",
+     Role::Client,
+     [](NIPCConnector& c, const Code& code) { c.subscribeForEvent("", "event", [code](auto, auto) { code(); }); },
+     [](NIPCConnector& c) { c.unsubscribeForEvent("", "event"); },
+     {CALLBACK, 0, computeFunctionId("event"), 0, ""}},
+    {"recurring callback",
+     Role::Client,
+     [](NIPCConnector& c, const Code& code) { c.setRecurringCallback([code](auto, auto, auto) { code(); }); },
+     [](NIPCConnector& c) { c.setRecurringCallback(nullptr); },
+     {CALLBACK, 0, ASYNC_RESPONSE_SUCCESS_ID, 0, "", 1}},
+    {"response callback",
+     Role::Client,
+     [](NIPCConnector& c, const Code& code) {
+         c.makeAsyncRequest("", "name", "", 0, [code](auto, auto, auto) { code(); });
+     },
+     nullptr,
+     {CALLBACK, 0, ASYNC_RESPONSE_SUCCESS_ID, 0, "", 2}}};
 
 void callEverything(NIPCConnector& c) {
     const auto nothing = [](const auto&...) {};
@@ -82,7 +72,7 @@ void callEverything(NIPCConnector& c) {
 }
 
 TEST_F(CallsFromInside, ReturnAsFromOutside) {
-    for (const Kind& kind : kinds()) {
+    for (const Kind& kind : kinds) {
         SCOPED_TRACE(kind.name);
         const Subject subject = kind.role == Role::Client ? connectedClient() : startedServer();
         int calls = 0;
@@ -90,14 +80,14 @@ TEST_F(CallsFromInside, ReturnAsFromOutside) {
             ++calls;
             callEverything(*subject);
         });
-        kind.call(platform);
+        platform.deliver(kind.message);
         EXPECT_EQ(calls, 1);
     }
 }
 
 TEST_F(CallsFromInside, MayReplaceAndRemoveTheOneThatRuns) {
-    for (const Kind& kind : kinds()) {
-        if (!kind.remove) continue;
+    for (const Kind& kind : kinds) {
+        if (kind.remove == nullptr) continue;
         for (const bool replaces : {true, false}) {
             SCOPED_TRACE(std::string(kind.name) + (replaces ? " is replaced" : " is removed"));
             const Subject subject = kind.role == Role::Client ? connectedClient() : startedServer();
@@ -114,9 +104,9 @@ TEST_F(CallsFromInside, MayReplaceAndRemoveTheOneThatRuns) {
                 EXPECT_EQ(*captured, 7) << "what it captured lives as long as it runs";
             });
             captured.reset();
-            kind.call(platform);
+            platform.deliver(kind.message);
             EXPECT_TRUE(lives.expired());
-            kind.call(platform);
+            platform.deliver(kind.message);
             EXPECT_EQ(first, 1);
             EXPECT_EQ(second, replaces ? 1 : 0);
         }

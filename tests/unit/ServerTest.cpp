@@ -81,27 +81,22 @@ TEST_F(Server, AnAsyncHandlerAnswersLaterAndAsOftenAsItLikes) {
     const Subject server = startedServer();
     smarthome::AsyncResponseCallback respond;
     std::string requestId;
-    EXPECT_TRUE(server->registerAsyncRequestHandler(
-        "set",
-        [&](const char* data, unsigned int length, smarthome::AsyncResponseCallback responder, const std::string& id) {
-            EXPECT_EQ(std::string(data, length), "21");
-            respond = std::move(responder);
-            requestId = id;
-        }));
+    EXPECT_TRUE(server->registerAsyncRequestHandler("set", [&](auto data, auto length, auto responder, auto& id) {
+        EXPECT_EQ(std::string(data, length), "21");
+        respond = responder;
+        requestId = id;
+    }));
     EXPECT_EQ(platform.deliverRequest(ASYNC_FUNCTION, computeFunctionId("set"), "21", 7, 42).status, 0);
     EXPECT_EQ(requestId, "7_42");
     server.journal->clear();
-    const auto responding = [](const char* payload) {
-        return debug("Sending async response to clientId %d with payload %s", 7, payload);
-    };
-    const auto sendingSize = [](std::size_t size) {
-        return debug("Sending %s to clientId %d with payloadSize %zu", "async response", 7, size);
-    };
     respond(true, "done", 4);
-    server.expectJournal({responding("done"), sendingSize(4)});
+    server.expectJournal(
+        {debug("Sending async response to clientId %d with payload %s", 7, "done"),
+         debug("Sending %s to clientId %d with payloadSize %zu", "async response", 7, std::size_t{4})});
     platform.failNext(Operation::Callback, -5);
     respond(false, nullptr, 0);
-    server.expectJournal({responding(""), sendingSize(0),
+    server.expectJournal({debug("Sending async response to clientId %d with payload %s", 7, ""),
+                          debug("Sending %s to clientId %d with payloadSize %zu", "async response", 7, std::size_t{0}),
                           error("Failed to send %s to clientId %d, status: %d", "async response", 7, -5),
                           metric("EventSendFailure FailureReason=\"NipcCallbackFailedWithStatus-5\" "
                                  "RequestType=\"AsyncResponse\" PayloadSize=0")});

@@ -66,19 +66,13 @@ TEST(StrictParsing, RefusesAllElseAndWritesNothing) {
 }
 
 TEST(LenientParsing, ReadsWhatComesFirst) {
-    const std::map<const char*, int> ints = {{"0x1A", 26},
-                                             {"  -0x1A", -26},
-                                             {"0X1A", 0},
-                                             {"+10x", 16},
-                                             {"a0x1", 160},
-                                             {"00x1", 0},
-                                             {"12 0x", 18},
-                                             {"0x1x0x", 1},
-                                             {"010", 10},
-                                             {"-1", -1},
-                                             {"-2147483648", -2147483647 - 1},
-                                             {"0x7fffffff", 2147483647}};
-    for (const auto& [text, value] : ints) EXPECT_EQ(StringUtils::toInt(text), std::make_pair(true, value)) << text;
+    using Row = std::pair<const char*, int>;
+    for (const auto& [text, value] :
+         {Row("0x1A", 26), Row("  -0x1A", -26), Row("0X1A", 0), Row("+10x", 16), Row("a0x1", 160), Row("00x1", 0),
+          Row("12 0x", 18), Row("0x1x0x", 1), Row("010", 10), Row("-1", -1), Row("-2147483648", -2147483647 - 1),
+          Row("0x7fffffff", 2147483647)}) {
+        EXPECT_EQ(StringUtils::toInt(text), std::make_pair(true, value)) << text;
+    }
     for (const char* text : {"abc", "", "0x", "x0x1", "2147483648", "-2147483649", "0xffffffff"}) {
         EXPECT_EQ(StringUtils::toInt(text), std::make_pair(false, -1)) << text;
     }
