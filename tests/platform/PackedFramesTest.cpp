@@ -142,7 +142,7 @@ TEST_F(PackedFramesTest, AClientThatTakesOneAnswerAtATimeIsWaitedForOnce) {
     for (unsigned i = 0; i < kCount; ++i) service.next(kRequest);
     slowReader = nullptr;
     EXPECT_EQ(waits, 1U);
-    expectNumbered(receiveFrames(peer.main, kCount - 1).frames, 1, kCount - 1);
+    expectNumbered(receiveFrames(peer.main, kCount - 1).frames, 1, kCount - 1, 16000);
 }
 
 TEST_F(PackedFramesTest, AnswersToOnePacketDoNotOutgrowTheirQueue) {
@@ -154,7 +154,7 @@ TEST_F(PackedFramesTest, AnswersToOnePacketDoNotOutgrowTheirQueue) {
         EXPECT_TRUE(peer.main.send(requests(0, kCount)));
         while (service.count(kRequest) == 0) other.call(kEvent, "");
         EXPECT_EQ(other.call(kEvent, "still served").response, "still served");
-        if (reads) expectNumbered(receiveFrames(peer.main, kCount).frames, 0, kCount);
+        if (reads) expectNumbered(receiveFrames(peer.main, kCount).frames, 0, kCount, 16000);
         EXPECT_EQ(lost, 0U);
         peer = RawClient();  // Whose answers may be lost from here on.
         for (unsigned i = 0; i < kCount; ++i) EXPECT_EQ(service.next(kRequest).data, std::to_string(i));
@@ -186,5 +186,5 @@ TEST_F(PackedFramesTest, AListenerSendsOnToAServiceThatIsBusySending) {
         EXPECT_TRUE(service.main.send(packetOf(FrameType::Callback, kEvent, {std::to_string(i)})));
     }
     for (unsigned i = 0; i < kCount; ++i) EXPECT_EQ(client.next(kEvent).data, std::to_string(i));
-    expectNumbered(receiveFrames(service.main, kCount).frames, 0, kCount);
+    expectNumbered(receiveFrames(service.main, kCount).frames, 0, kCount, 16000);
 }

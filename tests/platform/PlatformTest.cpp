@@ -59,10 +59,10 @@ Endpoint::Handler PlatformTest::answering(std::size_t length) {
     };
 }
 
-void expectNumbered(const std::vector<RawFrame>& frames, unsigned first, unsigned count) {
+void expectNumbered(const std::vector<RawFrame>& frames, unsigned first, unsigned count, std::size_t length) {
     EXPECT_EQ(frames.size(), count);
     for (const RawFrame& frame : frames) {
-        EXPECT_TRUE(frame.payload == filled(std::to_string(first), frame.payload.size())) << first;
+        EXPECT_TRUE(frame.payload == filled(std::to_string(first), std::max(length, frame.payload.size()))) << first;
         ++first;
     }
 }

@@ -76,7 +76,7 @@ std::string filled(const std::string& start, std::size_t length);
 /// A packet of requests with the numbers from `first` on.
 std::string requests(unsigned first, unsigned count);
 /// As many such texts as that, numbered from `first` on.
-void expectNumbered(const std::vector<RawFrame>& frames, unsigned first, unsigned count);
+void expectNumbered(const std::vector<RawFrame>& frames, unsigned first, unsigned count, std::size_t length = 0);
 
 /// Lets this process have only so many descriptors more, or as many as usual.
 void limitDescriptors(std::optional<rlim_t> spare);

@@ -33,14 +33,17 @@ struct World {
     bool share(const Fd& region, std::uint32_t number, const Connection* over, bool toTheOne = true) {
         return pool.share(region.get(), over, number, toTheOne);
     }
-    // Over the first connection, where nothing else is said.
+    // Over the first connection, or also over the second.
     World& shared(const Fd& region, std::uint32_t number = 7) { return share(region, number, &first), *this; }
+    World& sharedAgain(const Fd& region) { return share(region, 8, &second), *this; }
     World& acknowledged(std::uint32_t number = 7) { return pool.acknowledged(&first, number), *this; }
+    World& acknowledgedBySecond(std::uint32_t number = 7) { return pool.acknowledged(&second, number), *this; }
+    World& parted() { return pool.part(&first), *this; }
     // Makes, shares, is acknowledged, closes.
     ino_t use(std::size_t size = kSize) {
         const Fd region = make(size);
         EXPECT_TRUE(share(region, 1, &first));
-        pool.acknowledged(&first, 1);
+        acknowledged(1);
         return inodeOf(region);
     }
 
@@ -63,19 +66,10 @@ TEST(RegionPoolTest, OnlyItsOwnAcknowledgementFreesARegionThatIsClosed) {
         {"never shared", [](World&, Fd&) {}, false},
         {"not acknowledged", [](World& w, Fd& r) { w.shared(r); }, false},
         {"another number's acknowledgement", [](World& w, Fd& r) { w.shared(r).acknowledged(6); }, false},
-        {"another connection's", [](World& w, Fd& r) { w.shared(r).pool.acknowledged(&w.second, 7); }, false},
+        {"another connection's", [](World& w, Fd& r) { w.shared(r).acknowledgedBySecond(); }, false},
         {"after the next share", [](World& w, Fd& r) { w.shared(r).shared(w.make(1), 8).acknowledged(); }, false},
-        {"after the connection was given up",
-         [](World& w, Fd& r) {
-             w.shared(r).pool.part(&w.first);
-             w.acknowledged();
-         },
-         false},
-        {"shared twice",
-         [](World& w, Fd& r) {
-             w.shared(r).share(r, 8, &w.second);
-             w.acknowledged().pool.acknowledged(&w.second, 8);
-         },
+        {"after the connection was given up", [](World& w, Fd& r) { w.shared(r).parted().acknowledged(); }, false},
+        {"shared twice", [](World& w, Fd& r) { w.shared(r).sharedAgain(r).acknowledged().acknowledgedBySecond(8); },
          false},
         {"shared as a duplicate", [](World& w, Fd& r) { w.shared(Fd(dup(r.get()))).acknowledged(); }, false},
     };

@@ -81,7 +81,7 @@ TEST_F(SharedBuffersTest, AreUsedWhenTheReceiverIsReadyAndAsFarAsItReleasesThem)
             ++buffered;
             frame.payload.assign(buffers.at(static_cast<unsigned>(frame.header.status - 1)), frame.header.length);
         }
-        expectNumbered(all, first, 80);
+        expectNumbered(all, first, 80, 5000);
         EXPECT_EQ(buffered, SharedBuffers::kCount);
         for (unsigned number = 0; number < SharedBuffers::kCount; ++number) buffers.release(number);
     }
