@@ -109,7 +109,7 @@ TEST_F(TrustTest, AnotherUserIsRefused) {
         for (const auto& entry : std::filesystem::directory_iterator(directory.path)) {
             ASSERT_EQ(chmod(entry.path().c_str(), 0666), 0);
         }
-        Process stranger({"stranger"});
+        nipctest::Process stranger({"stranger"});
         EXPECT_EQ(stranger.hear(), "refused");
     }
     EXPECT_EQ(service.count(NEX_NIPC_EVENT_CLIENT_CONNECTED), 0U);
