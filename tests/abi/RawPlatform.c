@@ -5,10 +5,8 @@
 #define _GNU_SOURCE
 #include "RawPlatform.h"
 
-#include <pthread.h>
 #include <string.h>
 #include <sys/mman.h>
-#include <time.h>
 #include <unistd.h>
 
 #define EXPORT __attribute__((visibility("default")))
@@ -17,8 +15,6 @@ enum { SERVICE_HANDLE = 41, CLIENT_HANDLE = 42 };
 
 typedef int (*Listener)(void* parameter);
 
-static pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
-static pthread_cond_t captured = PTHREAD_COND_INITIALIZER;
 static struct RawCapture captures[RAW_RECORDS];
 static const char* answer = "";
 
@@ -30,22 +26,18 @@ static uint32_t word(const void* record, unsigned offset) {
 
 static void* pointer(const void* record, unsigned offset) { return (void*)(uintptr_t)word(record, offset); }
 
-static void setWord(void* record, unsigned offset, uint32_t value) {
-    memcpy((char*)record + offset, &value, sizeof value);
+/* The bytes of a number from its lowest on, as the device keeps them. */
+static void put(void* record, unsigned offset, unsigned width, uint32_t value) {
+    memcpy((char*)record + offset, &value, width);
 }
 
-static void setHalf(void* record, unsigned offset, uint16_t value) {
-    memcpy((char*)record + offset, &value, sizeof value);
-}
-
-static void setPointer(void* record, unsigned offset, void* value) {
-    setWord(record, offset, (uint32_t)(uintptr_t)value);
+static void putPointer(void* record, unsigned offset, void* value) {
+    put(record, offset, 4, (uint32_t)(uintptr_t)value);
 }
 
 static void capture(enum RawRecord kind, int32_t handle, uint16_t client, const void* record, unsigned size,
                     const void* payload, unsigned payloadSize) {
     struct RawCapture* seen = &captures[kind];
-    pthread_mutex_lock(&mutex);
     seen->handle = handle;
     seen->client = client;
     seen->size = size;
@@ -53,22 +45,9 @@ static void capture(enum RawRecord kind, int32_t handle, uint16_t client, const 
     seen->payloadSize = payload == NULL ? 0 : payloadSize;
     if (payload != NULL) memcpy(seen->payload, payload, payloadSize);
     ++seen->count;
-    pthread_cond_broadcast(&captured);
-    pthread_mutex_unlock(&mutex);
 }
 
 const struct RawCapture* raw_captured(enum RawRecord record) { return &captures[record]; }
-
-int raw_wait(enum RawRecord record) {
-    struct timespec deadline;
-    clock_gettime(CLOCK_REALTIME, &deadline);
-    deadline.tv_sec += 20;
-    pthread_mutex_lock(&mutex);
-    while (captures[record].count == 0 && pthread_cond_timedwait(&captured, &mutex, &deadline) == 0) continue;
-    const int came = captures[record].count > 0;
-    pthread_mutex_unlock(&mutex);
-    return came;
-}
 
 void raw_answerWith(const char* response) { answer = response; }
 
@@ -98,8 +77,8 @@ EXPORT int32_t nexNipc_rpcSync(int32_t handle, void* record) {
     const uint32_t length = (uint32_t)strlen(answer);
     if (length > word(record, 16)) return -1;
     memcpy(pointer(record, 12), answer, length);
-    setWord(record, 16, length);
-    setWord(record, 20, 0);
+    put(record, 16, 4, length);
+    put(record, 20, 4, 0);
     return 0;
 }
 
@@ -145,16 +124,16 @@ int raw_deliver(const struct RawMessage* message) {
 
     unsigned char parameter[48];
     memset(parameter, 0, sizeof parameter);
-    setHalf(parameter, 0, message->peer);
-    setWord(parameter, 4, message->type);
-    setHalf(parameter, 8, message->functionId);
-    setHalf(parameter, 10, message->eventId);
-    setPointer(parameter, 12, message->length);
-    setPointer(parameter, 16, message->status);
-    setPointer(parameter, 20, message->data);
+    put(parameter, 0, 2, message->peer);
+    put(parameter, 4, 4, message->type);
+    put(parameter, 8, 2, message->functionId);
+    put(parameter, 10, 2, message->eventId);
+    putPointer(parameter, 12, message->length);
+    putPointer(parameter, 16, message->status);
+    putPointer(parameter, 20, message->data);
     memset(parameter + 24, 0xA5, 16); /* the vendor's own; nobody else's business */
-    setPointer(parameter, 40, pointer(opened, message->toService ? 36 : 16));
-    setWord(parameter, 44, message->requestContext);
+    putPointer(parameter, 40, pointer(opened, message->toService ? 36 : 16));
+    put(parameter, 44, 4, message->requestContext);
     return listener(parameter);
 }
 
@@ -165,15 +144,15 @@ int raw_deliverShared(int toService, uint16_t peer, uint16_t functionId, uint32_
     if (fd < 0 || pwrite(fd, text, length, 0) != (ssize_t)length) return -1;
 
     unsigned char metadata[10];
-    setWord(metadata, 0, length);
-    setHalf(metadata, 4, functionId);
-    setWord(metadata, 6, context);
+    put(metadata, 0, 4, length);
+    put(metadata, 4, 2, functionId);
+    put(metadata, 6, 4, context);
     unsigned char message[20];
     memset(message, 0xA5, sizeof message);
-    setWord(message, 0, 1);
-    setWord(message, 4, sizeof metadata);
-    setPointer(message, 8, &fd);
-    setPointer(message, 12, metadata);
+    put(message, 0, 4, 1);
+    put(message, 4, 4, sizeof metadata);
+    putPointer(message, 8, &fd);
+    putPointer(message, 12, metadata);
 
     uint32_t size = sizeof message;
     struct RawMessage shared = {toService, peer, toService ? 1U : 2U, toService ? 65525 : 65524, 0, &size, status,

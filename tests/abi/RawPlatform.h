@@ -22,8 +22,6 @@ struct RawCapture {
 };
 
 const struct RawCapture* raw_captured(enum RawRecord record);
-/* Waits for a record of that kind; 0 when none comes in 20 s. */
-int raw_wait(enum RawRecord record);
 
 /* What the next synchronous request is answered with. */
 void raw_answerWith(const char* response);

@@ -27,21 +27,16 @@ std::uint16_t targetIdentifier(const std::string& name) {
 int main() {
     std::mt19937 random(20240131);
     int different = 0;
-    int highBytes = 0;
     for (int i = 0; i < kNames; ++i) {
         // Every length in turn, with printable characters and with any bytes by turns.
         std::string name(static_cast<std::size_t>(i) % (kLongest + 1), ' ');
         const bool printable = i / static_cast<int>(kLongest + 1) % 2 == 0;
-        for (char& c : name) {
-            c = static_cast<char>(printable ? 0x20U + random() % 0x5FU : random() % 0x100U);
-            highBytes += static_cast<unsigned char>(c) > 0x7F ? 1 : 0;
-        }
-        if (targetIdentifier(name) == nipcconnector::computeFunctionId(name)) continue;
+        for (char& c : name) c = static_cast<char>(printable ? 0x20U + random() % 0x5FU : random() % 0x100U);
+        const unsigned ours = nipcconnector::computeFunctionId(name), theirs = targetIdentifier(name);
+        if (ours == theirs) continue;
         ++different;
-        std::printf("name %d (length %u): %u here, %u by the target's hash\n", i, static_cast<unsigned>(name.size()),
-                    static_cast<unsigned>(nipcconnector::computeFunctionId(name)),
-                    static_cast<unsigned>(targetIdentifier(name)));
+        std::printf("name %d (length %zu): %u here, %u by the target's hash\n", i, name.size(), ours, theirs);
     }
-    std::printf("%d names, %d bytes above 0x7F, %d differences\n", kNames, highBytes, different);
-    return different == 0 && highBytes > kNames ? 0 : 1;
+    std::printf("%d names, %d differences\n", kNames, different);
+    return different == 0 ? 0 : 1;
 }

@@ -1,24 +1,19 @@
 // What is promised of requests, answers and events between a service and its clients.
-#include <sys/mman.h>
-
-#include <atomic>
 #include <cerrno>
-#include <cstring>
-#include <list>
 #include <map>
-#include <thread>
 
 #include "PlatformTest.h"
 
 using namespace nipctest;
 using namespace std::chrono_literals;
 
-class DeliveryTest : public PlatformTest {};
+using DeliveryTest = PlatformTest;
 
 namespace {
 
-// The text of message `number` of a sequence; of changing length.
-std::string numbered(std::uint32_t number) { return std::to_string(number) + std::string(number * 37 % 4000, '.'); }
+// What is sent as number so much; of changing length.
+std::string numbered(std::uint32_t number) { return filled(std::to_string(number), number * 37 % 4000); }
+void* wideContext(std::uint32_t number) { return contextOf(static_cast<std::uintptr_t>(number * 0xFEDCBA987654321U)); }
 
 constexpr std::uint32_t kMiB = 1U << 20U;
 
@@ -29,7 +24,7 @@ TEST_F(DeliveryTest, EachLaneKeepsItsOrderAndOneListenerCallRunsAtATime) {
     std::atomic<int> inside{0};
     std::atomic<int> faults{0};
     std::map<std::uint16_t, std::uint32_t> seen;  // Without a lock: that is the promise.
-    Endpoint service([&](Endpoint& self, const Message& message, nexNipc_parameter_t& parameter) {
+    Service service([&](Endpoint& self, const Message& message, nexNipc_parameter_t& parameter) {
         if (inside.fetch_add(1) != 0) ++faults;
         if (message.id == NEX_NIPC_EVENT_CLIENT_CONNECTED) {
             seen[message.peer] = 0;
@@ -42,44 +37,41 @@ TEST_F(DeliveryTest, EachLaneKeepsItsOrderAndOneListenerCallRunsAtATime) {
         }
         --inside;
     });
-    ASSERT_EQ(service.start(kUuid), 0);
     const auto useOne = [&] {
-        Endpoint client;
-        if (client.connect(kUuid) != 0) ++faults;
+        Client client;
         for (std::uint32_t i = 0; i < kCount; ++i) {
             const bool sent = i % 5 == 0 ? client.call(kRequest, numbered(i)).response == numbered(i)
-                                         : client.request(kRequest, numbered(i), contextOf(i)) == 0;
+                                         : client.request(kRequest, numbered(i), wideContext(i)) == 0;
             if (!sent) ++faults;
         }
         for (std::uint32_t i = 0; i < kCount; ++i) {
             const Message event = client.next(kEvent);
-            if (event.data != numbered(i) || event.context != contextOf(i % 5 == 0 ? 0 : i)) ++faults;
+            if (event.data != numbered(i) || event.context != wideContext(i % 5 == 0 ? 0 : i)) ++faults;
         }
     };
-    std::thread threads[4];
-    for (std::thread& thread : threads) thread = std::thread(useOne);
-    for (std::thread& thread : threads) thread.join();
-    for (int i = 0; i < 4; ++i) service.next(NEX_NIPC_EVENT_CLIENT_DISCONNECTED);
+    std::future<void> clients[4];
+    for (std::future<void>& client : clients) client = std::async(std::launch::async, useOne);
+    for (std::future<void>& client : clients) client.get();
+    for (int i = 0; i < 4; ++i) service.left();
     EXPECT_EQ(faults, 0);
 }
 
-TEST_F(DeliveryTest, WhatAClientSentBeforeItLeftArrives) {
+TEST_F(DeliveryTest, WhatAClientSentBeforeItLeftArrivesWhileOthersConnect) {
     constexpr std::size_t kCount = 200;
     Signal left;
     std::atomic<std::size_t> arrivedBefore{0};
-    Endpoint service([&](Endpoint& self, const Message& message, nexNipc_parameter_t&) {
+    Service service([&](Endpoint& self, const Message& message, nexNipc_parameter_t&) {
         if (message.data == "0") left.wait();
         if (message.id == NEX_NIPC_EVENT_CLIENT_DISCONNECTED) arrivedBefore = self.count(kRequest);
     });
-    ASSERT_EQ(service.start(kUuid), 0);
-    Endpoint client;
-    ASSERT_EQ(client.connect(kUuid), 0);
+    Client client;
     for (std::size_t i = 0; i < kCount; ++i) ASSERT_EQ(client.request(kRequest, std::to_string(i)), 0);
     client.disconnect();
-    Endpoint next;  // When it is let in, the lane has seen the first one go.
-    EXPECT_EQ(next.connect(kUuid), 0);
+    Client next;  // When it is let in, the lane has seen the first one go.
+    EXPECT_EQ(next.next(NEX_NIPC_EVENT_CONNECTION_DONE).status, 0);
+    EXPECT_EQ(service.count(kRequest), 0U);
     left.set();
-    service.next(NEX_NIPC_EVENT_CLIENT_DISCONNECTED);
+    service.left();
     EXPECT_EQ(arrivedBefore, kCount);
 }
 
@@ -108,12 +100,10 @@ TEST_F(DeliveryTest, ASynchronousRequestCarriesTheServicesResult) {
         {"a listener that says nothing", 5, 16384, [](nexNipc_parameter_t&) {}, 0, -1, 0},
         {"a listener that lies", 5, 16384, [](auto& p) { answer(p, "a"), *p.length = 1U << 30U; }, 0, 0, 16384},
     };
-    Endpoint service([&cases](Endpoint&, const Message& message, nexNipc_parameter_t& parameter) {
+    Service service([&cases](Endpoint&, const Message& message, nexNipc_parameter_t& parameter) {
         if (message.type == SYNC_FUNCTION) cases[message.id - kRequest].serve(parameter);
     });
-    ASSERT_EQ(service.start(kUuid), 0);
-    Endpoint client;
-    ASSERT_EQ(client.connect(kUuid), 0);
+    Client client;
     std::uint16_t function = kRequest;
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -129,42 +119,14 @@ TEST_F(DeliveryTest, ASynchronousRequestCarriesTheServicesResult) {
     }
 }
 
-TEST_F(DeliveryTest, ASynchronousRequestEndsWhenTheServiceDies) {
-    Process service({"service", std::to_string(kUuid)});
-    ASSERT_EQ(service.hear(), "started 0");
-    Endpoint client;
-    ASSERT_EQ(client.connect(kUuid), 0);
-    std::future<Answer> waiting = std::async(std::launch::async, [&] { return client.call(kNever, ""); });
-    ASSERT_EQ(service.hear(), "inside");
-    service.kill();
-    EXPECT_EQ(waiting.get().transport, -ECONNRESET);
-    client.next(NEX_NIPC_EVENT_SERVER_DOWN);
-}
-
-TEST_F(DeliveryTest, ASynchronousRequestToOnesOwnServiceFromItsHandlerIsRefused) {
-    Endpoint client;
-    std::atomic<nex_status_t> inner{0};
-    Endpoint service([&](Endpoint&, const Message& message, nexNipc_parameter_t& parameter) {
-        if (message.type != SYNC_FUNCTION) return;
-        inner = client.call(kRequest, "inner").transport;
-        echo(parameter);
-    });
-    ASSERT_EQ(service.start(kUuid), 0);
-    ASSERT_EQ(client.connect(kUuid), 0);
-    EXPECT_EQ(client.call(kRequest, "outer").response, "outer");
-    EXPECT_EQ(inner, -EDEADLK);
-}
-
 TEST_F(DeliveryTest, ATimeLimitEndsARequestAndItsLateAnswerGoesToNobody) {
     Signal release;
-    Endpoint service([&](Endpoint&, const Message& message, nexNipc_parameter_t& parameter) {
+    Service service([&](Endpoint&, const Message& message, nexNipc_parameter_t& parameter) {
         if (message.data == "late") release.wait();
         if (message.type == SYNC_FUNCTION) echo(parameter);
     });
-    ASSERT_EQ(service.start(kUuid), 0);
     setenv("NEX_NIPC_SYNC_TIMEOUT_MS", "700", 1);
-    Endpoint client;
-    ASSERT_EQ(client.connect(kUuid), 0);
+    Client client;
     unsetenv("NEX_NIPC_SYNC_TIMEOUT_MS");
     EXPECT_EQ(client.call(kNever, "late").transport, -ETIMEDOUT);
     EXPECT_EQ(client.call(kNever, std::string(100, 'l')).transport, -ETIMEDOUT);
@@ -176,35 +138,20 @@ TEST_F(DeliveryTest, ATimeLimitEndsARequestAndItsLateAnswerGoesToNobody) {
     for (int i = 0; i < 10; ++i) EXPECT_EQ(client.call(kRequest, std::to_string(i)).response, std::to_string(i));
 }
 
-TEST_F(DeliveryTest, ContextsTravelWhole) {
-    Endpoint service;
-    Endpoint client;
-    ASSERT_EQ(service.start(kUuid), 0);
-    ASSERT_EQ(client.connect(kUuid), 0);
-    for (const std::uint64_t value : {std::uint64_t{0}, std::uint64_t{2}, std::uint64_t{0xFEDCBA9876543210U}}) {
-        void* context = contextOf(static_cast<std::uintptr_t>(value));
-        ASSERT_EQ(client.request(kRequest, "", context), 0);
-        const Message request = service.next(kRequest);
-        EXPECT_EQ(request.context, context);
-        ASSERT_EQ(service.callback(request.peer, ASYNC_RESPONSE_SUCCESS_ID, "", context), 0);
-        EXPECT_EQ(client.next(ASYNC_RESPONSE_SUCCESS_ID).context, context);
-    }
-}
-
 TEST_F(DeliveryTest, WhatCannotBeCarriedIsRefused) {
-    Endpoint service;
-    Endpoint client;
-    ASSERT_EQ(service.start(kUuid), 0);
-    ASSERT_EQ(client.connect(kUuid), 0);
-    const std::uint16_t id = service.next(NEX_NIPC_EVENT_CLIENT_CONNECTED).peer;
-    Endpoint nobody;
-    nobody.handle = 1 << 20;
-    AsyncRpcRecord nothing{};
-    nothing.functionId = kRequest;
-    nothing.length = 10;
-    CallbackRecord noEvent{};
-    noEvent.functionId = kEvent;
-    noEvent.length = 10;
+    std::atomic<nex_status_t> inner{0};
+    std::atomic<const Endpoint*> own{nullptr};
+    Service service([&](Endpoint&, const Message& message, nexNipc_parameter_t& parameter) {
+        if (message.data == "outer") inner = own.load()->call(kRequest, "inner").transport;
+        if (message.type == SYNC_FUNCTION) echo(parameter);
+    });
+    Client client;
+    own = &client;
+    EXPECT_EQ(client.call(kRequest, "outer").response, "outer");
+    const std::uint16_t id = service.arrived();
+    AsyncRpcRecord nothing{kRequest, 0, nullptr, 10, 0, kRequest, 0, 0, nullptr};
+    AsyncRpcRecord good{kRequest, 0, nullptr, 0, 0, kRequest, 0, 0, nullptr};
+    CallbackRecord noEvent{0, kEvent, 0, 0, nullptr, 10, nullptr};
     std::int32_t handle = 0;
     const struct {
         const char* name;
@@ -221,15 +168,15 @@ TEST_F(DeliveryTest, WhatCannotBeCarriedIsRefused) {
         {"an acknowledgement as event", service.callback(id, CLIENT_FD_PROCESSING_COMPLETED_ID, ""), -EINVAL},
         {"a null payload with a length", nexNipc_rpcAsync(client.handle, &nothing), -EINVAL},
         {"a null event with a length", nexNipc_callback(service.handle, id, &noEvent), -EINVAL},
+        {"a call to one's own service from its handler", inner, -EDEADLK},
         {"no record", nexNipc_rpcSync(client.handle, nullptr), -EINVAL},
         {"no start record", nexNipc_start(&handle, nullptr), -EINVAL},
         {"no handle", nexNipc_disconnect(nullptr), -EINVAL},
-        {"a handle of nobody", nobody.request(kRequest, ""), -EBADF},
+        {"a handle of nobody", nexNipc_rpcAsync(1 << 20, &good), -EBADF},
         {"a request of a service", service.request(kRequest, ""), -EBADF},
         {"an event of a client", client.callback(id, kEvent, ""), -EBADF},
         {"a client that is not there", service.callback(static_cast<std::uint16_t>(id + 1), kEvent, ""), -ENOTCONN},
     };
     for (const auto& c : cases) EXPECT_EQ(c.result, c.expected) << c.name;
-    nobody.handle = -1;
     EXPECT_EQ(client.call(kRequest, "still here").response, "still here");
 }

@@ -1,7 +1,6 @@
 #include "Endpoint.h"
 
 #include <gtest/gtest.h>
-#include <sys/mman.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -12,6 +11,8 @@
 #include "cutils/ashmem.h"
 
 namespace {
+
+std::uint32_t sizeOf(const std::string& bytes) { return static_cast<std::uint32_t>(bytes.size()); }
 
 bool isShare(const nexNipc_parameter_t& p) {
     return (p.type == CALLBACK && p.functionId == CLIENT_SHARE_FD_ID) ||
@@ -28,8 +29,8 @@ void takeShare(const ShareFdMsg& share, Message& message) {
     message.context = contextOf(metadata.requestContext);
     if (message.descriptor < 0 || metadata.length == 0) return;
     message.data.resize(metadata.length);
-    const ssize_t got = pread(message.descriptor, message.data.data(), message.data.size(), 0);
-    message.data.resize(got < 0 ? 0 : static_cast<std::size_t>(got));
+    message.data.resize(static_cast<std::size_t>(
+        std::max<ssize_t>(0, pread(message.descriptor, message.data.data(), message.data.size(), 0))));
     close(message.descriptor);
 }
 
@@ -67,24 +68,12 @@ int Endpoint::listen(nexNipc_parameter_t* parameter) {
 }
 
 nex_status_t Endpoint::start(std::uint16_t uuid) {
-    ServerStartRecord record{};
-    record.uuid = uuid;
-    record.listener = &Endpoint::listen;
-    record.messageSize = 16384;
-    record.option16 = 10;
-    record.option20 = 1;
-    record.option32 = 1;
-    record.userContext = this;
+    const ServerStartRecord record{uuid, 0, &Endpoint::listen, 16384, 10, 1, {}, 1, this, {}};
     return nexNipc_start(&handle, &record);
 }
 
 nex_status_t Endpoint::connect(std::uint16_t uuid) {
-    ClientConnectRecord record{};
-    record.uuid = uuid;
-    record.listener = &Endpoint::listen;
-    record.messageSize = 16384;
-    record.option12 = 1;
-    record.userContext = this;
+    const ClientConnectRecord record{uuid, &Endpoint::listen, 16384, 1, this, {}};
     return nexNipc_connect(&handle, &record);
 }
 
@@ -97,15 +86,8 @@ nex_status_t Endpoint::disconnect() {
 }
 
 Answer Endpoint::call(std::uint16_t function, const std::string& payload, std::uint32_t capacity) const {
-    Answer answer;
-    answer.response.resize(capacity);
-    SyncRpcRecord record{};
-    record.functionId = function;
-    record.payload = payload.data();
-    record.length = static_cast<std::uint32_t>(payload.size());
-    record.response = answer.response.data();
-    record.responseLength = capacity;
-    record.status = 1;
+    Answer answer{0, 1, std::string(capacity, '\0')};
+    SyncRpcRecord record{function, 0, payload.data(), sizeOf(payload), answer.response.data(), capacity, 1};
     answer.transport = nexNipc_rpcSync(handle, &record);
     answer.status = record.status;
     answer.response.resize(answer.transport == 0 && record.status == 0 ? record.responseLength : 0);
@@ -113,33 +95,20 @@ Answer Endpoint::call(std::uint16_t function, const std::string& payload, std::u
 }
 
 nex_status_t Endpoint::request(std::uint16_t function, const std::string& payload, void* context) const {
-    AsyncRpcRecord record{};
-    record.functionId = record.functionIdAgain = function;
-    record.payload = payload.data();
-    record.length = static_cast<std::uint32_t>(payload.size());
-    record.requestContext = context;
+    AsyncRpcRecord record{function, 0, payload.data(), sizeOf(payload), 0, function, 0, 0, context};
     return nexNipc_rpcAsync(handle, &record);
 }
 
 nex_status_t Endpoint::callback(std::uint16_t client, std::uint16_t function, const std::string& payload,
                                 void* context) const {
-    CallbackRecord record{};
-    record.functionId = function;
-    record.payload = payload.data();
-    record.length = static_cast<std::uint32_t>(payload.size());
-    record.requestContext = context;
+    CallbackRecord record{0, function, 0, 0, payload.data(), sizeOf(payload), context};
     return nexNipc_callback(handle, client, &record);
 }
 
 nex_status_t Endpoint::share(std::uint16_t client, int descriptor, const ShareFdMetadata& metadata,
                              std::uint32_t metadataSize) const {
     ShareFdMetadata copy = metadata;
-    std::int32_t list[1] = {descriptor};
-    ShareFdMsg message{};
-    message.fdCount = descriptor < 0 ? 0 : 1;
-    message.fds = list;
-    message.metadataSize = metadataSize;
-    message.metadata = &copy;
+    ShareFdMsg message{descriptor < 0 ? 0U : 1U, metadataSize, &descriptor, &copy, 0};
     return client == 0 ? nexNipc_clientShareFd(handle, &message) : nexNipc_serviceShareFd(handle, client, &message);
 }
 

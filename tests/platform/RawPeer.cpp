@@ -5,6 +5,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -118,26 +119,46 @@ FrameHeader header(FrameType type, std::uint16_t function, std::uint32_t length,
 
 std::string packet(const FrameHeader& frame, std::size_t payload) { return bytesOf(frame) + std::string(payload, 'x'); }
 
-std::vector<RawFrame> framesOf(const std::string& packet) {
-    std::vector<RawFrame> frames;
-    for (std::size_t at = 0; at + sizeof(FrameHeader) <= packet.size();) {
-        RawFrame frame;
-        std::memcpy(&frame.header, packet.data() + at, sizeof(FrameHeader));
-        frame.payload = packet.substr(at + sizeof(FrameHeader), inlineLength(frame.header));
-        at = aligned(at + sizeof(FrameHeader) + frame.payload.size());
-        frames.push_back(std::move(frame));
+std::string packetOf(FrameType type, std::uint16_t function, const std::vector<std::string>& payloads) {
+    std::string packet;
+    for (const std::string& payload : payloads) {
+        packet.resize(aligned(packet.size()));
+        packet += bytesOf(header(type, function, static_cast<std::uint32_t>(payload.size()))) + payload;
     }
-    return frames;
+    return packet;
 }
 
-Hello hello(std::uint16_t uuid) {
-    Hello greeting;
-    greeting.uuid = uuid;
-    return greeting;
+Received receiveFrames(const RawPeer& peer, std::size_t count) {
+    Received all;
+    std::string bytes;
+    RawPeer descriptor;
+    while (all.frames.size() < count && peer.receive(bytes, descriptor)) {
+        ++all.packets;
+        all.largest = std::max(all.largest, bytes.size());
+        if (descriptor.valid()) all.descriptor = std::move(descriptor);
+        RawFrame frame;
+        for (std::size_t at = 0; at + sizeof(FrameHeader) <= bytes.size();) {
+            std::memcpy(&frame.header, bytes.data() + at, sizeof(FrameHeader));
+            frame.payload = bytes.substr(at + sizeof(FrameHeader), inlineLength(frame.header));
+            at = aligned(at + sizeof(FrameHeader) + frame.payload.size());
+            if (frame.header.type != FrameType::Buffers) all.frames.push_back(frame);
+        }
+    }
+    return all;
 }
+
+Hello hello(std::uint16_t uuid) { return {kMagic, kVersion, kVersion, uuid}; }
 
 std::string helloPacket(const Hello& greeting) {
     return bytesOf(header(FrameType::Hello, 0, sizeof greeting)) + bytesOf(greeting);
+}
+
+Welcome usualWelcome() {
+    Welcome welcome;
+    welcome.version = kVersion;
+    welcome.clientId = 1;
+    welcome.serviceHandle = 1;
+    return welcome;
 }
 
 std::string welcomePacket(const Welcome& welcome) {
@@ -212,20 +233,14 @@ const std::vector<Violation> kToClient = {
 
 std::vector<Greeting> badGreetings(std::uint16_t uuid) {
     const std::string good = helloPacket(hello(uuid));
-    Hello magic = hello(uuid);
-    magic.magic = 1;
-    Hello version = hello(uuid);
-    version.minVersion = version.maxVersion = kVersion + 1;
-    Hello probe = hello(uuid);
-    probe.flags = kHelloProbe;
     return {
-        {"another magic number", helloPacket(magic), 0},
-        {"a version of the future", helloPacket(version), 0},
+        {"another magic number", helloPacket({1, kVersion, kVersion, uuid}), 0},
+        {"a version of the future", helloPacket({kMagic, kVersion + 1, kVersion + 1, uuid}), 0},
         {"another service", helloPacket(hello(static_cast<std::uint16_t>(uuid + 1))), 0},
         {"half a greeting", good.substr(0, 30), 0},
         {"more than a greeting", good + "x", 0},
         {"a request first", packet(header(FrameType::AsyncRequest, kFunction, 4), 4), 0},
         {"a descriptor with it", good, 1},
-        {"a probe", helloPacket(probe), 0},
+        {"a probe", helloPacket({kMagic, kVersion, kVersion, uuid, kHelloProbe}), 0},
     };
 }

@@ -55,9 +55,19 @@ struct RawFrame {
     nexnipc::FrameHeader header;
     std::string payload;  // That stands behind it.
 };
-/// Of one packet.
-std::vector<RawFrame> framesOf(const std::string& packet);
+/// The packet of such frames, one for each payload.
+std::string packetOf(nexnipc::FrameType type, std::uint16_t function, const std::vector<std::string>& payloads);
+/// What a peer says, beside offering buffers.
+struct Received {
+    std::vector<RawFrame> frames;
+    std::size_t packets = 0;
+    std::size_t largest = 0;  // Of the packets.
+    RawPeer descriptor;       // The last that came.
+};
+/// Receives until there are so many frames.
+Received receiveFrames(const RawPeer& peer, std::size_t count);
 std::string helloPacket(const nexnipc::Hello& greeting);
+nexnipc::Welcome usualWelcome();
 std::string welcomePacket(const nexnipc::Welcome& welcome);
 
 /// A client that has been let in; its control socket is not valid when it was refused.

@@ -1,9 +1,10 @@
 // When the memory of a shared region is used again, and when it must not be.
 #include "../../platform/linux/AckSequence.h"
 
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include "PlatformTest.h"
 
 using namespace nexnipc;
 
@@ -32,11 +33,17 @@ struct World {
     bool share(const Fd& region, std::uint32_t number, const Connection* over, bool toTheOne = true) {
         return pool.share(region.get(), over, number, toTheOne);
     }
+    // Over the first connection, or also over the second.
+    World& shared(const Fd& region, std::uint32_t number = 7) { return share(region, number, &first), *this; }
+    World& sharedAgain(const Fd& region) { return share(region, 8, &second), *this; }
+    World& acknowledged(std::uint32_t number = 7) { return pool.acknowledged(&first, number), *this; }
+    World& acknowledgedBySecond(std::uint32_t number = 7) { return pool.acknowledged(&second, number), *this; }
+    World& parted() { return pool.part(&first), *this; }
     // Makes, shares, is acknowledged, closes.
     ino_t use(std::size_t size = kSize) {
         const Fd region = make(size);
         EXPECT_TRUE(share(region, 1, &first));
-        pool.acknowledged(&first, 1);
+        acknowledged(1);
         return inodeOf(region);
     }
 
@@ -54,56 +61,17 @@ TEST(RegionPoolTest, OnlyItsOwnAcknowledgementFreesARegionThatIsClosed) {
         void (*treat)(World& world, Fd& region);
         bool again;
     } cases[] = {
-        {"acknowledged",
-         [](World& w, Fd& region) {
-             w.share(region, 7, &w.first);
-             w.pool.acknowledged(&w.first, 7);
-         },
-         true},
-        {"acknowledged and still open",
-         [](World& w, Fd& region) {
-             w.share(region, 7, &w.first);
-             w.pool.acknowledged(&w.first, 7);
-             region.release();
-         },
-         false},
+        {"acknowledged", [](World& w, Fd& r) { w.shared(r).acknowledged(); }, true},
+        {"acknowledged and still open", [](World& w, Fd& r) { w.shared(r).acknowledged(), r.release(); }, false},
         {"never shared", [](World&, Fd&) {}, false},
-        {"not acknowledged", [](World& w, Fd& region) { w.share(region, 7, &w.first); }, false},
-        {"another number's or connection's acknowledgement",
-         [](World& w, Fd& region) {
-             w.share(region, 7, &w.first);
-             w.pool.acknowledged(&w.first, 6);
-             w.pool.acknowledged(&w.second, 7);
-         },
+        {"not acknowledged", [](World& w, Fd& r) { w.shared(r); }, false},
+        {"another number's acknowledgement", [](World& w, Fd& r) { w.shared(r).acknowledged(6); }, false},
+        {"another connection's", [](World& w, Fd& r) { w.shared(r).acknowledgedBySecond(); }, false},
+        {"after the next share", [](World& w, Fd& r) { w.shared(r).shared(w.make(1), 8).acknowledged(); }, false},
+        {"after the connection was given up", [](World& w, Fd& r) { w.shared(r).parted().acknowledged(); }, false},
+        {"shared twice", [](World& w, Fd& r) { w.shared(r).sharedAgain(r).acknowledged().acknowledgedBySecond(8); },
          false},
-        {"acknowledged after the next share",
-         [](World& w, Fd& region) {
-             w.share(region, 7, &w.first);
-             w.share(w.make(1), 8, &w.first);
-             w.pool.acknowledged(&w.first, 7);
-         },
-         false},
-        {"acknowledged after the connection was given up",
-         [](World& w, Fd& region) {
-             w.share(region, 7, &w.first);
-             w.pool.part(&w.first);
-             w.pool.acknowledged(&w.first, 7);
-         },
-         false},
-        {"shared twice",
-         [](World& w, Fd& region) {
-             w.share(region, 7, &w.first);
-             w.share(region, 8, &w.second);
-             w.pool.acknowledged(&w.first, 7);
-             w.pool.acknowledged(&w.second, 8);
-         },
-         false},
-        {"shared as a duplicate",
-         [](World& w, Fd& region) {
-             w.share(Fd(dup(region.get())), 7, &w.first);
-             w.pool.acknowledged(&w.first, 7);
-         },
-         false},
+        {"shared as a duplicate", [](World& w, Fd& r) { w.shared(Fd(dup(r.get()))).acknowledged(); }, false},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -119,17 +87,16 @@ TEST(RegionPoolTest, OnlyItsOwnAcknowledgementFreesARegionThatIsClosed) {
 }
 
 TEST(RegionPoolTest, NothingIsUsedAgainOnceASecondProcessIsMet) {
-    struct Case {
+    const World sample;
+    const struct {
         const char* name;
         Peer peer;
-    };
-    const World sample;
-    const Case cases[] = {
+    } cases[] = {
         {"another process", sample.other},
         {"the same number as another user", {sample.one.pid, sample.one.uid + 1}},
         {"one that cannot be identified", {0, sample.one.uid}},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         World world;
         const ino_t free = world.use();
@@ -202,3 +169,20 @@ TEST(RegionPoolTest, LittleIsKeptAndNothingWithoutAConnection) {
     world.use();
     EXPECT_EQ(holdsOpen(), before);
 }
+
+#ifndef NIPC_TEST_EMULATOR  // It tells each thread another time at which the process began.
+using RegionReuseTest = PlatformTest;
+
+TEST_F(RegionReuseTest, ARegionIsUsedAgainUntilASecondProcessConnects) {
+    nipctest::Process sharing({"sharing"});
+    const auto next = [&] { return sharing.send("go"), sharing.hear(); };
+    EXPECT_EQ(sharing.hear(), "fresh");
+    EXPECT_EQ(next(), "again");
+    EXPECT_EQ(next(), "again");
+    {
+        const Client second;
+        EXPECT_EQ(next(), "fresh");
+    }
+    EXPECT_EQ(next(), "fresh");
+}
+#endif

@@ -1,20 +1,16 @@
 // What is promised of threads, descriptors, queues and time spent.
-#include <sys/resource.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <list>
-#include <thread>
+#include <map>
 #include <utility>
-#include <vector>
 
 #include "PlatformTest.h"
-#include "RawPeer.h"
 
 using namespace nexnipc;
 using namespace nipctest;
@@ -22,69 +18,48 @@ using namespace std::chrono_literals;
 
 namespace {
 
-struct PlatformThread {
-    std::string name;
-    std::uint64_t blocked = 0;
-    std::uint64_t switches = 0;
-};
+using Fields = std::map<std::string, std::string>;
 
-// Those of the platform are known by their names.
-std::vector<PlatformThread> platformThreads() {
-    std::vector<PlatformThread> threads;
+// What the kernel says of those of the platform, which are known by their names.
+std::vector<Fields> platformThreads() {
+    std::vector<Fields> threads;
     for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-        PlatformThread thread;
+        Fields thread;
         std::ifstream status(task.path() / "status");
-        for (std::string key, value; status >> key && std::getline(status, value);) {
-            if (key == "Name:") thread.name = value.substr(1);
-            if (key == "SigBlk:") thread.blocked = std::stoull(value, nullptr, 16);
-            if (key == "voluntary_ctxt_switches:") thread.switches += std::stoull(value);
-        }
-        if (thread.name.rfind("nipc-", 0) == 0) threads.push_back(thread);
+        for (std::string key; status >> key;) std::getline(status, thread[key]);
+        if (thread["Name:"].find("nipc-") != std::string::npos) threads.push_back(thread);
     }
     return threads;
 }
 
 std::uint64_t switches() {
     std::uint64_t sum = 0;
-    for (const PlatformThread& thread : platformThreads()) sum += thread.switches;
+    for (Fields& thread : platformThreads()) sum += std::stoull(thread["voluntary_ctxt_switches:"]);
     return sum;
 }
 
 double processorSeconds(pid_t pid) {
-    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-    std::string word;
-    for (int i = 0; i < 13; ++i) stat >> word;
-    double user = 0;
-    double system = 0;
-    stat >> user >> system;
-    return (user + system) / static_cast<double>(sysconf(_SC_CLK_TCK));
-}
-
-std::size_t answered(const RawPeer& peer, std::size_t count) {
-    std::size_t answers = 0;
-    std::string bytes;
-    RawPeer none;
-    while (answers < count && peer.receive(bytes, none)) {
-        for (const RawFrame& frame : framesOf(bytes)) answers += frame.header.type == FrameType::Callback;
-    }
-    return answers;
+    clockid_t clock{};
+    timespec time{};
+    EXPECT_EQ(clock_getcpuclockid(pid, &clock), 0);
+    EXPECT_EQ(clock_gettime(clock, &time), 0);
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
 }
 
 }  // namespace
 
-class ResourceTest : public PlatformTest {};
+using ResourceTest = PlatformTest;
 
 TEST_F(ResourceTest, ThreadsHaveNamesTakeNoSignalsAndSleepWhenIdle) {
-    Endpoint service;
-    Endpoint client;
-    ASSERT_EQ(service.start(kUuid), 0);
-    ASSERT_EQ(client.connect(kUuid), 0);
+    const Service service;
+    Client client;
     client.next(NEX_NIPC_EVENT_CONNECTION_DONE);
     for (int i = 0; i < 100; ++i) client.call(kRequest, "x");
     EXPECT_TRUE(eventually([] { return platformThreads().size() == 3; }));  // One of the process, one of each handle.
-    for (const PlatformThread& thread : platformThreads()) {
+    for (Fields& thread : platformThreads()) {
+        const std::uint64_t blocked = std::stoull(thread["SigBlk:"], nullptr, 16);
         for (const int signal : {SIGINT, SIGTERM, SIGCHLD, SIGUSR1, SIGALRM, SIGPIPE}) {
-            EXPECT_TRUE(thread.blocked >> static_cast<unsigned>(signal - 1) & 1U) << thread.name << " takes " << signal;
+            EXPECT_TRUE(blocked >> static_cast<unsigned>(signal - 1) & 1U) << thread["Name:"] << " takes " << signal;
         }
     }
     // A timer of the last handshake may still go off, but soon two seconds pass without anything.
@@ -97,24 +72,11 @@ TEST_F(ResourceTest, ThreadsHaveNamesTakeNoSignalsAndSleepWhenIdle) {
     EXPECT_EQ(woken, 0U);
 }
 
-TEST_F(ResourceTest, NothingIsInheritedThroughExec) {
-    Process bare({"descriptors"});
-    const std::string usual = bare.hear();
-    Endpoint service;
-    Endpoint client;
-    ASSERT_EQ(service.start(kUuid), 0);
-    ASSERT_EQ(client.connect(kUuid), 0);
-    client.call(kRequest, std::string(100000, 'x'), 100000);
-    Process later({"descriptors"});
-    EXPECT_EQ(later.hear(), usual);
-}
-
-TEST_F(ResourceTest, ConnectionsComeAndGoWithoutATrace) {
-    Endpoint service;
-    ASSERT_EQ(service.start(kUuid), 0);
+TEST_F(ResourceTest, ConnectionsComeAndGoWithoutATraceAndNoneIsInheritedThroughExec) {
+    const std::string inherited = Process({"descriptors"}).hear();
+    Service service;
     const auto useOne = [&service] {
-        Endpoint client;
-        ASSERT_EQ(client.connect(kUuid), 0);
+        const Client client;
         EXPECT_EQ(client.call(kRequest, std::string(20000, 'x'), 20000).response.size(), 20000U);
         const int region = regionOf("payload");
         EXPECT_EQ(client.share(0, region, {7, kRequest, 0}), 0);
@@ -122,42 +84,38 @@ TEST_F(ResourceTest, ConnectionsComeAndGoWithoutATrace) {
         service.next(SERVER_SHARE_FD_ID);
     };
     useOne();
-    service.next(NEX_NIPC_EVENT_CLIENT_DISCONNECTED);
+    service.left();
     const pid_t self = getpid();
     std::size_t descriptors = descriptorCount(self);
     EXPECT_TRUE(eventually([&] { return std::exchange(descriptors, descriptorCount(self)) == descriptors; }));
     const std::size_t tasks = taskCount(self);
     for (int i = 0; i < 30; ++i) useOne();
     EXPECT_TRUE(eventually([&] { return descriptorCount(self) <= descriptors && taskCount(self) <= tasks; }));
+    const Client last;
+    last.call(kRequest, std::string(100000, 'x'), 100000);
+    EXPECT_EQ(Process({"descriptors"}).hear(), inherited);
 }
 
 TEST_F(ResourceTest, AServiceThatStartsShortOfDescriptorsSaysSoOrServes) {
-    rlimit usual{};
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &usual), 0);
     nex_status_t status = -EMFILE;
     for (rlim_t spare = 0; status == -EMFILE && spare < 20; ++spare) {
-        const int free = dup(STDIN_FILENO);  // The lowest number that is.
-        close(free);
-        const rlimit limit{static_cast<rlim_t>(free) + spare, usual.rlim_max};
-        setrlimit(RLIMIT_NOFILE, &limit);
         Endpoint service;
+        limitDescriptors(spare);
         status = service.start(kUuid);
         // Whatever its thread would still open, it has not got.
         if (status == 0) std::this_thread::sleep_for(50ms);
-        setrlimit(RLIMIT_NOFILE, &usual);
-        if (status != 0) continue;
-        Endpoint client;
-        EXPECT_EQ(client.connect(kUuid), 0);
-        EXPECT_EQ(client.call(kRequest, "x").response, "x");
+        limitDescriptors(std::nullopt);
+        if (status == 0) {
+            EXPECT_EQ(Client().call(kRequest, "x").response, "x");
+        }
     }
     EXPECT_EQ(status, 0);
 }
 
 TEST_F(ResourceTest, AServiceShortOfDescriptorsGoesOnWithoutSpinning) {
-    Process service({"starved", std::to_string(kUuid)});
+    Process service({"service"});
     ASSERT_EQ(service.hear(), "started 0");
-    Endpoint before;
-    ASSERT_EQ(before.connect(kUuid), 0);
+    const Client before;
     EXPECT_EQ(before.call(kRequest, "x").response, "x");
     service.send("starve");
     ASSERT_EQ(service.hear(), "done");
@@ -170,57 +128,52 @@ TEST_F(ResourceTest, AServiceShortOfDescriptorsGoesOnWithoutSpinning) {
     }
     service.send("recover");
     ASSERT_EQ(service.hear(), "done");
-    Endpoint after;
-    EXPECT_EQ(after.connect(kUuid), 0);
-    EXPECT_EQ(after.call(kRequest, "z").response, "z");
+    EXPECT_EQ(Client().call(kRequest, "z").response, "z");
 }
 
 TEST_F(ResourceTest, ClientsThatDoNotReadCostTheOthersNoAnswer) {
     std::atomic<std::size_t> length{0};
-    std::atomic<unsigned> lost{0};
-    Endpoint service([&](Endpoint& self, const Message& message, nexNipc_parameter_t&) {
-        if (message.id != kRequest) return;
-        const std::string text(length, '.');
-        if (self.callback(message.peer, ASYNC_RESPONSE_SUCCESS_ID, text, contextOf(1)) != 0) ++lost;
+    Service service([&](Endpoint& self, const Message& message, nexNipc_parameter_t& parameter) {
+        answering(length)(self, message, parameter);
     });
-    ASSERT_EQ(service.start(kUuid), 0);
-    const std::string path = directory.path + "/" + std::to_string(kUuid) + ".sock";
-    const RawClient healthy = letIn(path, kUuid);
-    service.next(NEX_NIPC_EVENT_CLIENT_CONNECTED);
+    const RawClient healthy = letIn();
+    service.arrived();
     std::list<RawClient> idle;
-    for (bool isFull = false; !isFull;) {
+    std::size_t queued = 0;
+    for (std::size_t sent = 50; sent >= 50; queued += sent * 16000) {
         ASSERT_LT(idle.size(), 100U) << "no limit for all queues";
-        idle.push_back(letIn(path, kUuid));
-        const std::uint16_t id = service.next(NEX_NIPC_EVENT_CLIENT_CONNECTED).peer;
-        unsigned queued = 0;
-        while (service.callback(id, kEvent, std::string(16000, '.')) == 0) ++queued;
-        isFull = queued < 50;
+        idle.push_back(letIn());
+        sent = service.fill(service.arrived());
     }
+    EXPECT_GT(queued, 60U << 20U);
+    EXPECT_LT(queued, (64U << 20U) + idle.size() * (512U << 10U));
     constexpr unsigned kCount = 20;
-    std::string asked;
-    for (unsigned i = 0; i < kCount; ++i) asked += packet(header(FrameType::AsyncRequest, kRequest, 8), 8);
+    const std::string asked = requests(0, kCount);
+    const auto expectAnswers = [](const RawClient& client, unsigned count) {
+        EXPECT_EQ(receiveFrames(client.main, count).frames.size(), count);
+    };
     for (const std::size_t each : {100U, 5000U}) {
         SCOPED_TRACE(each);
         length = each;
         for (unsigned round = 0; round < 5; ++round) {
             EXPECT_TRUE(healthy.main.send(asked));
-            EXPECT_EQ(answered(healthy.main, kCount), kCount);
+            expectAnswers(healthy, kCount);
         }
     }
     EXPECT_EQ(lost, 0U);
 
     // Nor their own, as long as there is any room: the requests of who does not take the answers wait.
     idle.pop_front();
-    service.next(NEX_NIPC_EVENT_CLIENT_DISCONNECTED);
-    const RawClient reader = letIn(path, kUuid);
-    const std::uint16_t id = service.next(NEX_NIPC_EVENT_CLIENT_CONNECTED).peer;
+    service.left();
+    const RawClient reader = letIn();
+    const std::uint16_t id = service.arrived();
     for (unsigned i = 0; i < 80; ++i) EXPECT_EQ(service.callback(id, kEvent, std::string(16000, '.')), 0);
-    const RawClient late = letIn(path, kUuid);
+    const RawClient late = letIn();
     service.forget();
     for (unsigned i = 0; i < 40; ++i) EXPECT_TRUE(late.main.send(asked));
     EXPECT_TRUE(healthy.main.send(asked));
-    EXPECT_EQ(answered(healthy.main, kCount), kCount);
+    expectAnswers(healthy, kCount);
     EXPECT_LT(service.count(kRequest), 10 * kCount);
-    EXPECT_EQ(answered(late.main, 40 * kCount), 40 * kCount);
+    expectAnswers(late, 40 * kCount);
     EXPECT_EQ(lost, 0U);
 }

@@ -5,7 +5,6 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <csignal>
 
@@ -35,74 +34,59 @@ int pipeEnd() {
     return ends[1];
 }
 
-const std::string kPacket(16383, 'p');
+const std::string kPacket(16000, 'p');
+
+bool shareWhole(const Endpoint& from, std::uint16_t to, const std::string& text) {
+    const int region = regionOf(text);
+    const bool sent = from.share(to, region, {static_cast<std::uint32_t>(text.size()), kRequest, 0}) == 0;
+    close(region);
+    return sent;
+}
 
 }  // namespace
 
-class SharingTest : public PlatformTest {
-protected:
-    void connect() {
-        ASSERT_EQ(service.start(kUuid), 0);
-        ASSERT_EQ(client.connect(kUuid), 0);
-        id = service.next(NEX_NIPC_EVENT_CLIENT_CONNECTED).peer;
-    }
-
-    static bool shareWhole(const Endpoint& from, std::uint16_t to, const std::string& text) {
-        const int region = regionOf(text);
-        const bool sent = from.share(to, region, {static_cast<std::uint32_t>(text.size()), kRequest, 0}) == 0;
-        close(region);
-        return sent;
-    }
-
-    Endpoint::Handler onService;
-    Endpoint::Handler onClient;
-    Endpoint service{[this](auto& self, auto& message, auto& p) {
-        if (onService) onService(self, message, p);
-    }};
-    Endpoint client{[this](auto& self, auto& message, auto& p) {
-        if (onClient) onClient(self, message, p);
-    }};
-    std::uint16_t id = 0;
-};
+using SharingTest = PlatformTest;
 
 TEST_F(SharingTest, OnlyASealedRegionOfTheClaimedSizeIsDelivered) {
-    connect();
+    Service service;
+    Client client;
+    const std::uint16_t id = service.arrived();
     const struct {
         const char* name;
         int region;
         std::uint32_t length;
-        std::uint32_t metadataSize;
-        bool hasDescriptors;
-        bool hasMetadata;
-        const char* data;
+        const char* data = "";
+        bool hasDescriptors = true;
+        std::uint32_t metadataSize = sizeof(ShareFdMetadata);
     } cases[] = {
-        {"whole", regionOf("payload"), 7, 10, true, true, "payload"},
-        {"unsealed", unsealedRegion(), 7, 10, true, true, ""},
-        {"shorter than claimed", regionOf("payload"), 8, 10, true, true, ""},
-        {"longer than any payload", regionOf(std::string(5242881, 'x')), 5242881, 10, true, true, ""},
-        {"not a region", open("/dev/null", O_RDWR | O_CLOEXEC), 7, 10, true, true, ""},
-        {"a directory", open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC), 7, 10, true, true, ""},
-        {"a pipe", pipeEnd(), 7, 10, true, true, ""},
-        {"a socket", socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0), 7, 10, true, true, ""},
-        {"of huge pages", hugeRegion(), 7, 10, true, true, ""},
-        {"no length", regionOf("payload"), 0, 10, true, true, ""},
-        {"no descriptor", -1, 7, 10, false, true, ""},
-        {"short metadata", regionOf("payload"), 7, 9, true, false, ""},
+        {"whole", regionOf("payload"), 7, "payload"},
+        {"unsealed", unsealedRegion(), 7},
+        {"shorter than claimed", regionOf("payload"), 8},
+        {"longer than any payload", regionOf(std::string(5242881, 'x')), 5242881},
+        {"not a region", open("/dev/null", O_RDWR | O_CLOEXEC), 7},
+        {"a directory", open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC), 7},
+        {"a pipe", pipeEnd(), 7},
+        {"a socket", socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0), 7},
+        {"of huge pages", hugeRegion(), 7},
+        {"no length", regionOf("payload"), 0},
+        {"no descriptor", -1, 7, "", false},
+        {"short metadata", regionOf("payload"), 7, "", true, sizeof(ShareFdMetadata) - 1},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         if (c.region < 0 && c.hasDescriptors) continue;  // No huge pages here.
         const ShareFdMetadata metadata{c.length, kRequest, 0x87654321U};
+        const bool hasMetadata = c.metadataSize == sizeof metadata;
         for (const bool toService : {true, false}) {
-            Endpoint& from = toService ? client : service;
-            Endpoint& to = toService ? service : client;
+            Endpoint& from = toService ? static_cast<Endpoint&>(client) : service;
+            Endpoint& to = toService ? static_cast<Endpoint&>(service) : client;
             EXPECT_EQ(from.share(toService ? 0 : id, c.region, metadata, c.metadataSize), 0);
             const Message share = to.next(toService ? SERVER_SHARE_FD_ID : CLIENT_SHARE_FD_ID);
             EXPECT_EQ(share.hasDescriptors, c.hasDescriptors);
-            EXPECT_EQ(share.hasMetadata, c.hasMetadata);
+            EXPECT_EQ(share.hasMetadata, hasMetadata);
             EXPECT_TRUE(share.data == c.data);
             EXPECT_EQ(share.descriptor >= 0, c.data[0] != '\0' || (c.hasDescriptors && c.length == 0));
-            EXPECT_EQ(share.context, contextOf(c.hasDescriptors && c.hasMetadata ? 0x87654321U : 0));
+            EXPECT_EQ(share.context, contextOf(c.hasDescriptors && hasMetadata ? 0x87654321U : 0));
         }
         if (c.region >= 0) close(c.region);
     }
@@ -111,16 +95,16 @@ TEST_F(SharingTest, OnlyASealedRegionOfTheClaimedSizeIsDelivered) {
 TEST_F(SharingTest, OneAcknowledgementOfTheLatestShareIsDelivered) {
     Signal secondSent;
     int shares = 0;
-    onService = [&](Endpoint& self, const Message& message, nexNipc_parameter_t&) {
+    Service service([&](Endpoint& self, const Message& message, nexNipc_parameter_t&) {
         if (message.id != SERVER_SHARE_FD_ID) return;
         if (++shares == 1) secondSent.wait();  // So this one comes too late,
         self.callback(message.peer, SERVER_FD_PROCESSING_COMPLETED_ID, "");
         self.callback(message.peer, SERVER_FD_PROCESSING_COMPLETED_ID, "");  // and this one too often.
-    };
-    onClient = [](Endpoint& self, const Message& message, nexNipc_parameter_t&) {
+    });
+    Client client([](Endpoint& self, const Message& message, nexNipc_parameter_t&) {
         if (message.id == CLIENT_SHARE_FD_ID) self.request(CLIENT_FD_PROCESSING_COMPLETED_ID, "");
-    };
-    connect();
+    });
+    const std::uint16_t id = service.arrived();
     service.callback(id, SERVER_FD_PROCESSING_COMPLETED_ID, "");  // Nobody asked.
     client.request(CLIENT_FD_PROCESSING_COMPLETED_ID, "");
     EXPECT_TRUE(shareWhole(client, 0, "first"));
@@ -134,41 +118,26 @@ TEST_F(SharingTest, OneAcknowledgementOfTheLatestShareIsDelivered) {
     EXPECT_TRUE(shareWhole(service, id, "there"));
     EXPECT_EQ(service.next(CLIENT_FD_PROCESSING_COMPLETED_ID).type, std::uint32_t{ASYNC_FUNCTION});
     client.disconnect();  // After it nothing comes any more, so the count is final.
-    service.next(NEX_NIPC_EVENT_CLIENT_DISCONNECTED);
+    service.left();
     EXPECT_EQ(client.count(SERVER_FD_PROCESSING_COMPLETED_ID), 0U);
     EXPECT_EQ(service.count(CLIENT_FD_PROCESSING_COMPLETED_ID), 0U);
 }
 
-#ifndef NIPC_TEST_EMULATOR  // It tells each thread another time at which the process began.
-TEST_F(SharingTest, ARegionIsUsedAgainUntilASecondProcessConnects) {
-    Process sharing({"sharing", std::to_string(kUuid)});
-    const auto next = [&] { return sharing.send("go"), sharing.hear(); };
-    EXPECT_EQ(sharing.hear(), "fresh");
-    EXPECT_EQ(next(), "again");
-    EXPECT_EQ(next(), "again");
-    EXPECT_EQ(client.connect(kUuid), 0);
-    EXPECT_EQ(next(), "fresh");
-    EXPECT_EQ(client.disconnect(), 0);
-    EXPECT_EQ(next(), "fresh");
-}
-#endif
-
 TEST_F(SharingTest, AListenerMayShareAndWaitForTheAcknowledgement) {
     std::atomic<int> inTime{0};
-    onService = [&](Endpoint& self, const Message& message, nexNipc_parameter_t&) {
+    Service service([&](Endpoint& self, const Message& message, nexNipc_parameter_t&) {
         if (message.id == SERVER_SHARE_FD_ID) self.callback(message.peer, SERVER_FD_PROCESSING_COMPLETED_ID, "");
         if (message.id != kRequest) return;
         shareWhole(self, message.peer, std::string(100000, 's'));
         if (self.next(CLIENT_FD_PROCESSING_COMPLETED_ID).type == ASYNC_FUNCTION) ++inTime;
         self.callback(message.peer, kEvent, "");
-    };
-    onClient = [&](Endpoint& self, const Message& message, nexNipc_parameter_t&) {
+    });
+    Client client([&](Endpoint& self, const Message& message, nexNipc_parameter_t&) {
         if (message.id == CLIENT_SHARE_FD_ID) self.request(CLIENT_FD_PROCESSING_COMPLETED_ID, "");
         if (message.id != kEvent) return;
         shareWhole(self, 0, std::string(100000, 'c'));
         if (self.next(SERVER_FD_PROCESSING_COMPLETED_ID).type == CALLBACK) ++inTime;
-    };
-    connect();
+    });
     ASSERT_EQ(client.request(kRequest, ""), 0);
     EXPECT_EQ(client.next(CLIENT_SHARE_FD_ID).data, std::string(100000, 's'));
     EXPECT_EQ(service.next(SERVER_SHARE_FD_ID).data, std::string(100000, 'c'));
@@ -176,101 +145,63 @@ TEST_F(SharingTest, AListenerMayShareAndWaitForTheAcknowledgement) {
     EXPECT_EQ(inTime, 2);
 }
 
-TEST_F(SharingTest, ClientsConnectWhileAHandlerIsSlow) {
-    Signal release;
-    onService = [&](Endpoint&, const Message& message, nexNipc_parameter_t&) {
-        if (message.id == kRequest) release.wait();
-    };
-    connect();
-    ASSERT_EQ(client.request(kRequest, ""), 0);
-    Endpoint second;
-    EXPECT_EQ(second.connect(kUuid), 0);
-    EXPECT_EQ(second.next(NEX_NIPC_EVENT_CONNECTION_DONE).status, 0);
-    EXPECT_EQ(service.count(kRequest), 0U);
-    release.set();
-    service.next(NEX_NIPC_EVENT_CLIENT_CONNECTED);
-}
-
-TEST_F(SharingTest, AClientThatDoesNotReadLosesOnlyItsOwnEvents) {
+TEST_F(SharingTest, AClientThatDoesNotReadLosesOnlyItsOwnEventsAndCallsAllTheSame) {
     Signal inside;
     Signal release;
-    onClient = [&](Endpoint&, const Message& message, nexNipc_parameter_t&) {
+    std::string response;
+    std::size_t served = 0;
+    Service service;
+    Client other;
+    const std::uint16_t otherId = service.arrived();
+    Client client([&](Endpoint& self, const Message& message, nexNipc_parameter_t&) {
         if (message.data != "first") return;
         inside.set();
         release.wait();
-    };
-    connect();
-    Endpoint other;
-    ASSERT_EQ(other.connect(kUuid), 0);
-    const std::uint16_t otherId = service.next(NEX_NIPC_EVENT_CLIENT_CONNECTED).peer;
-    ASSERT_EQ(service.callback(id, kEvent, "first"), 0);
-    ASSERT_TRUE(inside.wait());
-
-    // Events fill three quarters of 2 MiB beyond what the kernel holds, answers the rest.
-    const auto fill = [&](std::uint16_t function, void* context) {
-        std::size_t sent = 0;
-        nex_status_t status = 0;
-        while (sent < 1000 && (status = service.callback(id, function, kPacket, context)) == 0) ++sent;
-        EXPECT_EQ(status, -ENOBUFS);
-        return sent;
-    };
-    const std::size_t events = fill(kEvent, nullptr);
-    const std::size_t answers = fill(ASYNC_RESPONSE_SUCCESS_ID, contextOf(7));
-    EXPECT_GE(events, 90U);
-    EXPECT_LE(events, 200U);
-    EXPECT_GE(answers, 24U);
-    EXPECT_LE(answers, 40U);
-
-    // The others go on; a request of the silent one waits until it reads.
-    EXPECT_EQ(service.callback(otherId, kEvent, "news"), 0);
-    EXPECT_EQ(other.next(kEvent).data, "news");
-    ASSERT_EQ(client.request(kRequest, ""), 0);
-    ASSERT_EQ(other.request(kRequest, "other"), 0);
-    EXPECT_EQ(service.next(kRequest).data, "other");
-    release.set();
-    for (std::size_t i = 0; i <= events; ++i) client.next(kEvent);
-    for (std::size_t i = 0; i < answers; ++i) EXPECT_EQ(client.next(ASYNC_RESPONSE_SUCCESS_ID).data, kPacket);
-    service.next(kRequest);
-    EXPECT_EQ(service.callback(id, kEvent, "again"), 0);
-    EXPECT_EQ(client.next(kEvent).data, "again");
-}
-
-TEST_F(SharingTest, ACallFromInsideTheListenerIsServedWhateverIsQueuedForIt) {
-    Signal filled;
-    Endpoint other;
-    std::string response;
-    std::size_t served = 0;
-    onService = [&](Endpoint&, const Message& message, nexNipc_parameter_t& parameter) {
-        if (message.type == SYNC_FUNCTION) echo(parameter);
-    };
-    onClient = [&](Endpoint& self, const Message& message, nexNipc_parameter_t&) {
-        if (message.data != "first") return;
-        filled.wait();
         self.request(kRequest, "before it");
         response = self.call(kRequest, "call").response;
         self.request(kRequest, "after it");  // Waits again, until the events have been taken.
         for (int i = 0; i < 3; ++i) other.call(kNever, "");
         served = service.count(kRequest);
-    };
-    connect();
-    ASSERT_EQ(other.connect(kUuid), 0);
-    std::size_t events = 0;
-    nex_status_t status = service.callback(id, kEvent, "first");
-    for (; status == 0; ++events) status = service.callback(id, kEvent, kPacket);
-    filled.set();
-    while (events-- > 0 && !HasFailure()) client.next(kEvent);
+    });
+    const std::uint16_t id = service.arrived();
+    ASSERT_EQ(service.callback(id, kEvent, "first"), 0);
+    ASSERT_TRUE(inside.wait());
+
+    // Events fill three quarters of 2 MiB beyond what the kernel holds, answers the rest.
+    const std::size_t events = service.fill(id);
+    const std::size_t answers = service.fill(id, ASYNC_RESPONSE_SUCCESS_ID, contextOf(7));
+    EXPECT_GE(events, 90U);
+    EXPECT_LE(events, 200U);
+    EXPECT_GE(answers, 24U);
+    EXPECT_LE(answers, 40U);
+
+    // The others go on; a request of the silent one waits until it reads, or waits itself for an answer.
+    EXPECT_EQ(service.callback(otherId, kEvent, "news"), 0);
+    EXPECT_EQ(other.next(kEvent).data, "news");
+    ASSERT_EQ(client.request(kRequest, "first of all"), 0);
+    ASSERT_EQ(other.request(kRequest, "other"), 0);
+    EXPECT_EQ(service.next(kRequest).data, "other");
+    EXPECT_EQ(service.count(kRequest), 0U);
+    release.set();
+    for (std::size_t i = 0; i <= events && !HasFailure(); ++i) client.next(kEvent);
+    for (std::size_t i = 0; i < answers && !HasFailure(); ++i) {
+        EXPECT_EQ(client.next(ASYNC_RESPONSE_SUCCESS_ID).data, kPacket);
+    }
     EXPECT_EQ(response, "call");
-    EXPECT_EQ(served, 2U);
-    for (const char* text : {"before it", "call", "after it"}) EXPECT_EQ(service.next(kRequest).data, text);
+    EXPECT_EQ(served, 3U);
+    for (const char* text : {"first of all", "before it", "call", "after it"})
+        EXPECT_EQ(service.next(kRequest).data, text);
+    EXPECT_EQ(service.callback(id, kEvent, "again"), 0);
+    EXPECT_EQ(client.next(kEvent).data, "again");
 }
 
 TEST_F(SharingTest, ARequestToAServiceThatDoesNotReadFailsAfterAWhile) {
     Signal release;
-    onService = [&](Endpoint&, const Message& message, nexNipc_parameter_t& parameter) {
+    Service service([&](Endpoint&, const Message& message, nexNipc_parameter_t& parameter) {
         if (message.id == kNever) release.wait();
         if (message.type == SYNC_FUNCTION) echo(parameter);
-    };
-    connect();
+    });
+    const Client client;
     ASSERT_EQ(client.request(kNever, ""), 0);
     std::size_t sent = 0;
     nex_status_t status = 0;

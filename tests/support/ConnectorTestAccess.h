@@ -22,7 +22,6 @@ struct ConnectorTestAccess {
         return c.fdAckReceived;
     }
     static auto& retryManager(C& c) { return c.retryManager; }
-    static auto& statsMutex(C& c) { return c.statsMutex; }
     static auto& connectionStartTime(C& c) { return c.connectionStartTime; }
     static auto& asyncRequestFailureCount(C& c) { return c.asyncRequestFailureCount; }
     static auto& asyncRequestWhileDisconnectedCount(C& c) { return c.asyncRequestWhileDisconnectedCount; }

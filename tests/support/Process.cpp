@@ -59,7 +59,9 @@ std::vector<std::string> thisProgram() {
 Process::Process(const std::vector<std::string>& roleAndArguments, std::vector<std::string> program) {
     int ends[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) throw std::runtime_error("socketpair");
-    channel_ = ends[0];
+    channel_ = fdopen(ends[0], "r");
+    const timeval patience{kPatience.count(), 0};
+    setsockopt(ends[0], SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
     program.insert(program.end(), {"--role", std::to_string(getpid())});
     program.insert(program.end(), roleAndArguments.begin(), roleAndArguments.end());
     std::vector<char*> argv;
@@ -79,28 +81,21 @@ Process::Process(const std::vector<std::string>& roleAndArguments, std::vector<s
 
 Process::~Process() {
     kill();
-    close(channel_);
+    std::fclose(channel_);
 }
 
 void Process::send(const std::string& line) {
     const std::string text = line + "\n";
-    ::send(channel_, text.data(), text.size(), MSG_NOSIGNAL);
+    ::send(fileno(channel_), text.data(), text.size(), MSG_NOSIGNAL);
 }
 
 std::string Process::hear() {
-    for (;;) {
-        if (const auto end = heard_.find('\n'); end != std::string::npos) {
-            std::string line = heard_.substr(0, end);
-            heard_.erase(0, end + 1);
-            return line;
-        }
-        pollfd ready{channel_, POLLIN, 0};
-        char buffer[4096];
-        if (poll(&ready, 1, kPatienceMs) <= 0) return {};
-        const ssize_t size = read(channel_, buffer, sizeof buffer);
-        if (size <= 0) return {};
-        heard_.append(buffer, static_cast<std::size_t>(size));
+    std::string line;
+    for (int c = std::fgetc(channel_); c != '\n'; c = std::fgetc(channel_)) {
+        if (c == EOF) return {};
+        line += static_cast<char>(c);
     }
+    return line;
 }
 
 void Process::kill() {
@@ -115,10 +110,8 @@ int Process::wait() {
     pollfd ended{pidFd, POLLIN, 0};
     const bool hangs = poll(&ended, 1, kPatienceMs) <= 0;
     close(pidFd);
-    if (hangs)
-        kill();
-    else
-        reap();
+    if (hangs) ::kill(pid_, SIGKILL);
+    reap();
     return hangs ? -1 : status_;
 }
 

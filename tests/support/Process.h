@@ -3,6 +3,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <cstdio>
 #include <map>
 #include <string>
 #include <vector>
@@ -48,9 +49,8 @@ private:
     void reap();
 
     pid_t pid_ = -1;
-    int channel_ = -1;
+    std::FILE* channel_ = nullptr;
     int status_ = -1;
-    std::string heard_;
 };
 
 /// What a program does in a role: the rest of the arguments in, exit status out.

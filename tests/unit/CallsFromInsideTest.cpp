@@ -8,124 +8,86 @@ using CallsFromInside = ConnectorTest;
 
 using Code = std::function<void()>;
 
-/// One kind of user code: how it is stored, removed and called.
-struct Kind {
+/// One kind of user code: how it is stored and removed, and what calls it.
+const struct Kind {
     const char* name;
     Role role;
-    std::function<void(NIPCConnector&, Code)> store;
-    std::function<void(NIPCConnector&)> remove;
-    std::function<void(FakePlatform&)> call;
-    bool isOnce;
-};
+    void (*store)(NIPCConnector&, const Code&);
+    void (*remove)(NIPCConnector&);  // Nothing where it runs once at most.
+    Message message;
+} kinds[] = {
+    {"sync request handler",
+     Role::Server,
+     [](NIPCConnector& c, const Code& code) {
+         c.registerSyncRequestHandler("get", [code](auto, auto) { return code(), std::vector<char>(1); });
+     },
+     [](NIPCConnector& c) { c.unregisterSyncRequestHandler("get"); },
+     {SYNC_FUNCTION, 5, computeFunctionId("get"), 0, ""}},
+    {"async request handler",
+     Role::Server,
+     [](NIPCConnector& c, const Code& code) {
+         c.registerAsyncRequestHandler("set", [code](auto, auto, auto respond, auto&) {
+             code();
+             respond(true, "", 0);
+         });
+     },
+     [](NIPCConnector& c) { c.unregisterAsyncRequestHandler("set"); },
+     {ASYNC_FUNCTION, 5, computeFunctionId("set"), 0, "", 9}},
+    {"event handler",
+     Role::Client,
+     [](NIPCConnector& c, const Code& code) { c.subscribeForEvent("", "event", [code](auto, auto) { code(); }); },
+     [](NIPCConnector& c) { c.unsubscribeForEvent("", "event"); },
+     {CALLBACK, 0, computeFunctionId("event"), 0, ""}},
+    {"recurring callback",
+     Role::Client,
+     [](NIPCConnector& c, const Code& code) { c.setRecurringCallback([code](auto, auto, auto) { code(); }); },
+     [](NIPCConnector& c) { c.setRecurringCallback(nullptr); },
+     {CALLBACK, 0, ASYNC_RESPONSE_SUCCESS_ID, 0, "", 1}},
+    {"response callback",
+     Role::Client,
+     [](NIPCConnector& c, const Code& code) {
+         c.makeAsyncRequest("", "name", "", 0, [code](auto, auto, auto) { code(); });
+     },
+     nullptr,
+     {CALLBACK, 0, ASYNC_RESPONSE_SUCCESS_ID, 0, "", 2}}};
 
-smarthome::AsyncResponseCallback callback(Code code) {
-    return [code = std::move(code)](bool, const char*, unsigned int) { code(); };
-}
-
-const std::vector<Kind>& kinds() {
-    static const std::vector<Kind> all = {
-        {"sync request handler", Role::Server,
-         [](NIPCConnector& c, Code code) {
-             c.registerSyncRequestHandler("get", [code = std::move(code)](const char*, unsigned int) {
-                 code();
-                 return std::vector<char>(1);
-             });
-         },
-         [](NIPCConnector& c) { c.unregisterSyncRequestHandler("get"); },
-         [](FakePlatform& platform) { platform.deliverRequest(SYNC_FUNCTION, computeFunctionId("get"), "", 5); },
-         false},
-        {"async request handler", Role::Server,
-         [](NIPCConnector& c, Code code) {
-             c.registerAsyncRequestHandler(
-                 "set", [code = std::move(code)](const char*, unsigned int, auto respond, const std::string&) {
-                     code();
-                     respond(true, "", 0);
-                 });
-         },
-         [](NIPCConnector& c) { c.unregisterAsyncRequestHandler("set"); },
-         [](FakePlatform& platform) { platform.deliverRequest(ASYNC_FUNCTION, computeFunctionId("set"), "", 5, 9); },
-         false},
-        {"event handler", Role::Client,
-         [](NIPCConnector& c, Code code) {
-             c.subscribeForEvent("", "event", [code = std::move(code)](const char*, unsigned int) { code(); });
-         },
-         [](NIPCConnector& c) { c.unsubscribeForEvent("", "event"); },
-         [](FakePlatform& platform) { platform.deliverCallback(computeFunctionId("event"), ""); }, false},
-        {"recurring callback", Role::Client,
-         [](NIPCConnector& c, Code code) { c.setRecurringCallback(callback(std::move(code))); },
-         [](NIPCConnector& c) { c.setRecurringCallback(nullptr); },
-         [](FakePlatform& platform) { platform.deliverCallback(ASYNC_RESPONSE_SUCCESS_ID, "", 1); }, false},
-        {"response callback", Role::Client,
-         [](NIPCConnector& c, Code code) { c.makeAsyncRequest("", "name", "", 0, callback(std::move(code))); },
-         [](NIPCConnector&) {},
-         [](FakePlatform& platform) {
-             const auto requests = platform.calls(Operation::RpcAsync);
-             platform.deliverCallback(ASYNC_RESPONSE_SUCCESS_ID, "", requests.back().requestContext);
-         },
-         true}};
-    return all;
-}
-
-struct PublicOperation {
-    const char* name;
-    std::function<bool(NIPCConnector&)> call;
-};
-
-const std::vector<PublicOperation>& operations() {
-    static const auto nothing = [](const auto&...) {};
-    static const std::vector<PublicOperation> all = {
-        {"getInstance",
-         [](NIPCConnector& c) {
-             return NIPCConnector::getInstance(true, "from inside", {"service", 7}, nullptr, nullptr).get() != &c;
-         }},
-        {"initialize", [](NIPCConnector& c) { return c.initialize(); }},
-        {"registerSyncRequestHandler", [](NIPCConnector& c) { return c.registerSyncRequestHandler("other", nullptr); }},
-        {"registerAsyncRequestHandler",
-         [](NIPCConnector& c) { return c.registerAsyncRequestHandler("other", nothing); }},
-        {"unregister...RequestHandler",
-         [](NIPCConnector& c) {
-             c.unregisterSyncRequestHandler("other");
-             c.unregisterAsyncRequestHandler("other");
-             return true;
-         }},
-        {"subscribeForEvent", [](NIPCConnector& c) { return c.subscribeForEvent("", "other", nothing); }},
-        {"unsubscribeForEvent", [](NIPCConnector& c) { return c.unsubscribeForEvent("", "other"); }},
-        {"unsubscribeFromPublisher", [](NIPCConnector& c) { return c.unsubscribeFromPublisher(""); }},
-        {"publishEvent", [](NIPCConnector& c) { return c.publishEvent("other", std::string(20000, 'x')); }},
-        {"reportAggregateMetrics", [](NIPCConnector& c) { return c.reportAggregateMetrics(), true; }},
-        {"makeAsyncRequest",
-         [](NIPCConnector& c) {
-             return c.makeAsyncRequest("", "other", std::string(20000, 'x').data(), 20000, nothing) ==
-                    RequestStatus::Success;
-         }},
-        {"makeSyncRequest",
-         [](NIPCConnector& c) { return c.makeSyncRequest("", "other", "", 0).status == RequestStatus::Success; }},
-        {"setRecurringCallback and makeAsyncRequestWithRecurringCallback", [](NIPCConnector& c) {
-             return c.setRecurringCallback(nothing) &&
-                    c.makeAsyncRequestWithRecurringCallback("", "other", "", 0) == RequestStatus::Success;
-         }}};
-    return all;
+void callEverything(NIPCConnector& c) {
+    const auto nothing = [](const auto&...) {};
+    const std::string large(20000, 'x');
+    EXPECT_NE(NIPCConnector::getInstance(true, "from inside", {"service", 7}, nullptr, nullptr).get(), &c);
+    EXPECT_TRUE(c.initialize());
+    EXPECT_TRUE(c.registerSyncRequestHandler("other", nullptr));
+    EXPECT_TRUE(c.registerAsyncRequestHandler("other", nothing));
+    c.unregisterSyncRequestHandler("other");
+    c.unregisterAsyncRequestHandler("other");
+    EXPECT_TRUE(c.subscribeForEvent("", "other", nothing));
+    EXPECT_TRUE(c.unsubscribeForEvent("", "other"));
+    EXPECT_TRUE(c.unsubscribeFromPublisher(""));
+    EXPECT_TRUE(c.publishEvent("other", large));
+    c.reportAggregateMetrics();
+    EXPECT_EQ(c.makeAsyncRequest("", "other", large.data(), 20000, nothing), RequestStatus::Success);
+    EXPECT_EQ(c.makeSyncRequest("", "other", "", 0).status, RequestStatus::Success);
+    EXPECT_TRUE(c.setRecurringCallback(nothing));
+    EXPECT_EQ(c.makeAsyncRequestWithRecurringCallback("", "other", "", 0), RequestStatus::Success);
 }
 
 TEST_F(CallsFromInside, ReturnAsFromOutside) {
-    for (const Kind& kind : kinds()) {
+    for (const Kind& kind : kinds) {
+        SCOPED_TRACE(kind.name);
         const Subject subject = kind.role == Role::Client ? connectedClient() : startedServer();
-        for (const PublicOperation& operation : operations()) {
-            SCOPED_TRACE(std::string(operation.name) + " inside " + kind.name);
-            int calls = 0;
-            kind.store(*subject, [&] {
-                ++calls;
-                EXPECT_TRUE(operation.call(*subject));
-            });
-            kind.call(platform);
-            EXPECT_EQ(calls, 1);
-        }
+        int calls = 0;
+        kind.store(*subject, [&] {
+            ++calls;
+            callEverything(*subject);
+        });
+        platform.deliver(kind.message);
+        EXPECT_EQ(calls, 1);
     }
 }
 
 TEST_F(CallsFromInside, MayReplaceAndRemoveTheOneThatRuns) {
-    for (const Kind& kind : kinds()) {
-        if (kind.isOnce) continue;
+    for (const Kind& kind : kinds) {
+        if (kind.remove == nullptr) continue;
         for (const bool replaces : {true, false}) {
             SCOPED_TRACE(std::string(kind.name) + (replaces ? " is replaced" : " is removed"));
             const Subject subject = kind.role == Role::Client ? connectedClient() : startedServer();
@@ -142,9 +104,9 @@ TEST_F(CallsFromInside, MayReplaceAndRemoveTheOneThatRuns) {
                 EXPECT_EQ(*captured, 7) << "what it captured lives as long as it runs";
             });
             captured.reset();
-            kind.call(platform);
+            platform.deliver(kind.message);
             EXPECT_TRUE(lives.expired());
-            kind.call(platform);
+            platform.deliver(kind.message);
             EXPECT_EQ(first, 1);
             EXPECT_EQ(second, replaces ? 1 : 0);
         }

@@ -13,21 +13,21 @@ TEST_F(ClientListener, SortsMessagesByTypeAndIdentifier) {
     const Subject client = connectedClient();
     const Line callback = debug("Handle callback");
     const struct {
-        std::uint32_t type;
+        std::uint32_t type;  // By the number that crosses the boundary, as the identifiers.
         std::uint16_t id;
         std::uintptr_t context;
         Lines lines;
-    } cases[] = {{SYNC_FUNCTION, 0, 0, {debug("Handle sync function")}},
-                 {ASYNC_FUNCTION, 0, 0, {debug("Handle async function")}},
-                 {CALLBACK, 1001, 0, {callback, debug("Handle server fd processing completed")}},
-                 {CALLBACK, 1002, 9, {callback, notFound(1002, 9)}},
-                 {CALLBACK, 1002, 1, {callback, notFound(1002, 1)}},  // No recurring callback is set.
-                 {CALLBACK, 2000, 0, {callback, debug("Proactive event"), error("Failed to handle event")}},
-                 {EVENT, NEX_NIPC_EVENT_SERVER_UP, 0, {debug("SERVER_UP event from UUID: %d", 65000)}},
-                 {EVENT, NEX_NIPC_EVENT_CLIENT_CONNECTED, 0, {}},
-                 {BROADCAST_EVENT, 0, 0, {debug("Handle broadcast event")}},
-                 {MULTICAST_EVENT, 0, 0, {debug("Handle multicast event")}},
-                 {INVALID, 0, 0, {debug("Invalid NIPC callback")}},
+    } cases[] = {{0, 0, 0, {debug("Handle sync function")}},
+                 {1, 0, 0, {debug("Handle async function")}},
+                 {2, 1001, 0, {callback, debug("Handle server fd processing completed")}},
+                 {2, 1002, 9, {callback, notFound(1002, 9)}},
+                 {2, 1002, 1, {callback, notFound(1002, 1)}},  // No recurring callback is set.
+                 {2, 2000, 0, {callback, debug("Proactive event"), error("Failed to handle event")}},
+                 {3, 65533, 0, {debug("SERVER_UP event from UUID: %d", 65000)}},
+                 {3, 65531, 0, {}},
+                 {4, 0, 0, {debug("Handle broadcast event")}},
+                 {5, 0, 0, {debug("Handle multicast event")}},
+                 {6, 0, 0, {debug("Invalid NIPC callback")}},
                  {7, 0, 0, {warn("unhandled NIPC type: %d", 7)}}};
     for (const auto& c : cases) {
         for (const bool nullPointers : {false, true}) {

@@ -15,11 +15,8 @@ std::string bytes(const Record& record) {
 
 const Line startingConnection = debug("Starting non-blocking connection to VLRS service");
 const Line startingRetry = debug("Starting non-blocking retry for %s", "NIPC_CLIENT_INIT");
-const Line connectSucceeded = info("nexNipc_connect succeeded");
-const Line connected = info("Successfully connected to server");
 const Line retryStopped = debug("Retry stopped for %s", "NIPC_CLIENT_INIT");
 const Line down = error("NEX_NIPC_EVENT_SERVER_DOWN");
-const Line handlingLoss = debug("Handling server disconnection");
 const Line deinit = debug("deinitClient");
 const Line disconnected = debug("Disconnected from VLRS service");
 const Line notInitiated = error("Failed to initiate reconnection");
@@ -28,12 +25,15 @@ Line initializing(const Subject& subject) {
     return debug("Initializing NIPCConnector for %s", subject.journal->name.c_str());
 }
 
-/// The lines, and then those of a connect that succeeds at the first attempt.
-Lines andConnects(Lines lines) {
-    for (const Line& line : {startingConnection, startingRetry, connectSucceeded, connected,
-                             info("%s succeeded after %d retries", "NIPC_CLIENT_INIT", 0), retryStopped}) {
-        lines.push_back(line);
+/// The lines, and then those of a connect that succeeds at the first attempt or the second.
+Lines andConnects(Lines lines, int failures = 0) {
+    lines.insert(lines.end(), {startingConnection, startingRetry});
+    if (failures > 0) {
+        lines.push_back(
+            warn("%s failed on attempt %d, status: %d, retrying in %dms", "NIPC_CLIENT_INIT", failures, -5, 100));
     }
+    lines.insert(lines.end(), {info("nexNipc_connect succeeded"), info("Successfully connected to server"),
+                               info("%s succeeded after %d retries", "NIPC_CLIENT_INIT", failures), retryStopped});
     return lines;
 }
 
@@ -113,26 +113,30 @@ TEST_F(Lifecycle, AnInvalidConfigurationShowsAtInitialize) {
 }
 
 TEST_F(Lifecycle, FailuresAndLossesAreMeasuredAndReconnected) {
-    const Subject client = connectedClient();
-    const auto first = Access::state(*client).handle;
-    std::size_t connects = 1;
-    const auto fail = [&](const char* type, int count) {
-        platform.deliverEvent(NEX_NIPC_EVENT_CONNECTION_DONE, 0, -5);
+    const Subject client = make(Role::Client);
+    std::size_t connects = 0;
+    const auto lose = [&](int count, int duration, int failures) {
+        platform.failNext(Operation::Connect, -5, static_cast<std::size_t>(failures));
+        tell(client, NEX_NIPC_EVENT_SERVER_DOWN);
+        connects += static_cast<std::size_t>(failures);
         expectConnected(client, ++connects);
-        client.expectJournal(andConnects({info("NEX_NIPC_EVENT_CONNECTION_DONE with status: %d", -5),
-                                          error("Failed to connect to server"),
-                                          metric(std::string("ConnectionFailure ConnectionType=\"") + type +
-                                                 "\" DisconnectionCount=" + std::to_string(count))}));
+        client.expectJournal(andConnects({down, debug("Handling server disconnection"),
+                                          metric("ServerDisconnection DisconnectionCount=" + std::to_string(count) +
+                                                 " ConnectionDurationMs=" + std::to_string(duration)),
+                                          deinit, disconnected},
+                                         failures));
     };
+    lose(1, 0, 0);  // It never was connected.
     time.clock += 2'999'999;
-    platform.deliverEvent(NEX_NIPC_EVENT_SERVER_DOWN);
-    expectConnected(client, ++connects);
-    client.expectJournal(
-        andConnects({down, handlingLoss, metric("ServerDisconnection DisconnectionCount=1 ConnectionDurationMs=2"),
-                     deinit, disconnected}));
+    const auto first = Access::state(*client).handle;
+    lose(2, 2, 1);
     ASSERT_EQ(platform.calls(Operation::Disconnect).size(), 1U);
     EXPECT_EQ(platform.calls(Operation::Disconnect)[0].handle, first);
-    fail("Reconnection", 1);
+    tell(client, NEX_NIPC_EVENT_CONNECTION_DONE, -5);
+    expectConnected(client, ++connects);
+    client.expectJournal(
+        andConnects({info("NEX_NIPC_EVENT_CONNECTION_DONE with status: %d", -5), error("Failed to connect to server"),
+                     metric("ConnectionFailure ConnectionType=\"Reconnection\" DisconnectionCount=2")}));
 
     platform.failNext(Operation::Disconnect, -9);
     EXPECT_FALSE(Access::deinitClient(*client));
@@ -142,29 +146,9 @@ TEST_F(Lifecycle, FailuresAndLossesAreMeasuredAndReconnected) {
     EXPECT_EQ(Access::state(*client).handle, -1);
     EXPECT_EQ(platform.calls(Operation::Disconnect).size(), 2U);
 
-    platform.reset();
     const Subject other = connectedClient();
-    platform.deliverEvent(NEX_NIPC_EVENT_CONNECTION_DONE, 0, -5);
+    tell(other, NEX_NIPC_EVENT_CONNECTION_DONE, -5);
     EXPECT_EQ(other.journal->count("ConnectionFailure ConnectionType=\"InitialConnection\" DisconnectionCount=0"), 1U);
-}
-
-TEST_F(Lifecycle, AConnectThatFailsIsRetried) {
-    const Subject client = connectedClient();
-    platform.failNext(Operation::Connect, -5);
-    // The listener hears of a success all the same: it comes to nothing with the attempt.
-    platform.onNextCall(Operation::Connect, [&](const Call&) { tell(client, NEX_NIPC_EVENT_CONNECTION_DONE); });
-    time.onSleep([&] {
-        const auto state = Access::state(*client);
-        EXPECT_TRUE(state.connecting && !state.connected);
-    });
-    platform.deliverEvent(NEX_NIPC_EVENT_SERVER_DOWN);
-    expectConnected(client, 3);
-    const Lines lines = client.journal->lines();
-    ASSERT_EQ(lines.size(), 14U);
-    EXPECT_EQ(Lines(lines.begin() + 9, lines.end()),
-              (Lines{warn("%s failed on attempt %d, status: %d, retrying in %dms", "NIPC_CLIENT_INIT", 1, -5, 100),
-                     connectSucceeded, connected, info("%s succeeded after %d retries", "NIPC_CLIENT_INIT", 1),
-                     retryStopped}));
 }
 
 TEST_F(Lifecycle, WantOfAThreadOrOfMemoryDoesNotEndReconnecting) {
@@ -190,15 +174,6 @@ TEST_F(Lifecycle, WantOfAThreadOrOfMemoryDoesNotEndReconnecting) {
         if (!c.reconnects) client->makeSyncRequest("", "name", "", 0);
         expectConnected(client, 2);
     }
-}
-
-TEST_F(Lifecycle, ALossBeforeAnyConnectionLastedNoTime) {
-    const Subject client = make(Role::Client);
-    tell(client, NEX_NIPC_EVENT_SERVER_DOWN);
-    expectConnected(client, 1);
-    client.expectJournal(
-        andConnects({down, handlingLoss, metric("ServerDisconnection DisconnectionCount=1 ConnectionDurationMs=0"),
-                     deinit, disconnected}));
 }
 
 TEST_F(Lifecycle, TheDestructorStopsAndDisconnectsAClientAndLeavesAServiceAlone) {
@@ -248,17 +223,20 @@ TEST_F(Lifecycle, AConnectorThatMemoryDoesNotSufficeForIsNotRegistered) {
     const nipcconnector::Registry& registry = nipcconnector::registry();
     const std::size_t instances = registry.instances.size();
     const std::size_t managers = registry.callbackManagers.size();
-    int failures = 0;
-    for (bool failed = true; failed; ++failures) {
-        std::string name(40, 'n');
-        failNew(failures + 1);
-        const auto connector = NIPCConnector::getInstance(true, name, {}, nullptr, nullptr);
-        failed = !failNew(0);
-        EXPECT_EQ(connector == nullptr, failed);
-        EXPECT_EQ(registry.instances.size(), instances + (failed ? 0 : 1));
-        EXPECT_EQ(registry.callbackManagers.size(), managers + (failed ? 0 : 1));
+    // Twice, since a table that grows in the first round shields an allocation from its failure.
+    for (std::size_t round = 1; round <= 2; ++round) {
+        int failures = 0;
+        for (bool failed = true; failed; ++failures) {
+            std::string name(39 + round, 'n');
+            failNew(failures + 1);
+            const auto connector = NIPCConnector::getInstance(true, name, {}, nullptr, nullptr);
+            failed = !failNew(0);
+            EXPECT_EQ(connector == nullptr, failed);
+            EXPECT_EQ(registry.instances.size(), instances + round - (failed ? 1 : 0));
+            EXPECT_EQ(registry.callbackManagers.size(), managers + round - (failed ? 1 : 0));
+        }
+        EXPECT_GT(failures, 5) << "the key, the owner, the manager and their places can each fail";
     }
-    EXPECT_GT(failures, 5) << "the key, the owner, the manager and their places can each fail";
 }
 
 }  // namespace

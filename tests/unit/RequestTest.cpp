@@ -50,9 +50,8 @@ protected:
         EXPECT_EQ(request(client), RequestStatus::Failure);
         client.expectJournal(lines);
         const auto measured = [&](const std::string& start) {
-            return std::count_if(lines.begin(), lines.end(), [&](const Line& line) {
-                return line.level == 'M' && line.text.compare(0, start.size(), start) == 0;
-            });
+            return std::count_if(lines.begin(), lines.end(),
+                                 [&](const Line& line) { return line.text.find(start) == 0; });
         };
         EXPECT_EQ(Access::asyncRequestFailureCount(*client), measured("AsyncRequestFailure"));
         EXPECT_EQ(Access::syncRequestFailureCount(*client), measured("SyncRequestFailure"));
@@ -155,15 +154,13 @@ TEST_F(Request, RecordsAreFilledAsThePlatformExpects) {
     EXPECT_EQ(client->makeAsyncRequest("ignored", "name", payload.data(), 3, nullptr), RequestStatus::Success);
     client.expectJournal({debug("Sending async request with payload %s", "p"), idLine, sending});
     const Call call = platform.calls(Operation::RpcAsync).at(0);
-    AsyncRpcRecord record, expected;
-    std::memcpy(&record, call.record.data(), sizeof record);
+    AsyncRpcRecord expected;
     std::memset(&expected, 0, sizeof expected);
     expected.functionId = expected.functionIdAgain = id;
-    expected.payload = record.payload;
+    expected.payload = payload.data();
     expected.length = 3;
     expected.requestContext = reinterpret_cast<void*>(std::uintptr_t{2});
-    EXPECT_EQ(std::memcmp(&record, &expected, sizeof record), 0);
-    EXPECT_EQ(call.payload, payload);
+    EXPECT_EQ(std::memcmp(call.record.data(), &expected, sizeof expected), 0);
     EXPECT_EQ(call.handle, Access::state(*client).handle);
 
     const std::string large(20000, 'x');  // Synchronous requests know no limit.
@@ -192,16 +189,6 @@ TEST_F(Request, TheRecurringCallbackTakesAllAnswersOfItsRequests) {
     platform.deliverCallback(ASYNC_RESPONSE_SUCCESS_ID, "a", 1);
     platform.deliverCallback(ASYNC_RESPONSE_FAILURE_ID, "b", 1);
     EXPECT_EQ(answers, "+a-b");
-}
-
-TEST_F(Request, APayloadThatIsNullIsNeverRead) {
-    const Subject client = connectedClient();
-    EXPECT_EQ(client->makeAsyncRequest("", "name", nullptr, 10, nullptr), RequestStatus::Failure);
-    EXPECT_EQ(client.journal->count("Failed to send async request, status: -22"), 1U);
-    EXPECT_EQ(client->makeSyncRequest("", "name", nullptr, 10).status, RequestStatus::Failure);
-    EXPECT_EQ(client.journal->count("reason=RPCSyncFailed, status=-22"), 1U);
-    EXPECT_EQ(client->makeAsyncRequest("", "name", nullptr, 20000, nullptr), RequestStatus::Failure);
-    EXPECT_EQ(client.journal->count("sendLargePayload FailureReason=\"InvalidInput\" PayloadSize=20000"), 1U);
 }
 
 TEST_F(Request, ACallbackIdTravelsAsWideAsAPointerAndInAShareInItsLowHalf) {

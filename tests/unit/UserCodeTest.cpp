@@ -59,8 +59,7 @@ TEST_F(UserCode, ThatIsDestroyedMayCallTheConnector) {
         return [farewell](const auto&...) {};
     };
     for (int replaced = 0; replaced < 2; ++replaced) {
-        connector.registerSyncRequestHandler(
-            "sync", [call = goodbye()](const char*, unsigned int) { return std::vector<char>(); });
+        connector.registerSyncRequestHandler("sync", [call = goodbye()](auto, auto) { return std::vector<char>(); });
         connector.registerAsyncRequestHandler("async", goodbye());
         connector.subscribeForEvent("", "event", goodbye());
         connector.setRecurringCallback(goodbye());

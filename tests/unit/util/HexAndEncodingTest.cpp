@@ -5,7 +5,6 @@
 #include <string>
 #include <vector>
 
-#include "Generated.h"
 #include "smarthome/StringUtils.h"
 
 using smarthome::StringUtils;
@@ -53,18 +52,6 @@ TEST(Hex, IsPrintedWithoutSeparatorsWhateverTheLocale) {
     std::locale::global(before);
 }
 
-TEST(Hex, GoesThereAndBack) {
-    Generated generated;
-    std::string every;
-    for (int c = 0; c < 256; ++c) every += static_cast<char>(c);
-    for (int i = 0; i < 3000; ++i) {
-        const std::string s = generated.text(every, 40);
-        const Bytes bytes(s.begin(), s.end());
-        EXPECT_EQ(StringUtils::hexStringToByteVector(StringUtils::byteVectorToHexString(bytes)), bytes);
-        EXPECT_EQ(StringUtils::byteVectorToString(bytes), s);
-    }
-}
-
 TEST(Utf8, AcceptsSequencesAlsoOverlongAndBeyondTheLastCharacter) {
     for (const std::string& s : {""s, "a\0\x7F"s, "\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80"s, "\xED\x9F\xBF\xEE\x80\x80"s,
                                  "\xC0\x80\xE0\x80\x80\xF0\x80\x80\x80"s, "\xF7\xBF\xBF\xBF"s}) {
@@ -76,26 +63,15 @@ TEST(Utf8, AcceptsSequencesAlsoOverlongAndBeyondTheLastCharacter) {
 TEST(Utf8, RefusesAndRemovesBrokenSequencesAndSurrogates) {
     // In hexadecimal, before and after the removal.
     const std::map<std::string, std::string> rows = {
-        {"61eda08062", "6162"},   {"61edbf6263", "6163"}, {"61ede96263", "6163"}, {"61edc3a962", "6162"},
-        {"61ed616263", "616263"}, {"61eda0", "61"},       {"61ed", "61"},         {"618062", "6162"},
-        {"61f888ff62", "6162"},   {"61c34162", "6162"},   {"61e2824162", "6162"}, {"61e24162", "6162"},
-        {"61f09f984162", "6162"}, {"61c3c3a962", "6162"}, {"61e282", "61"},       {"61c3", "61"},
-        {"61f09f98", "61"}};
+        {"61eda08062", "6162"},   {"61edbf6263", "6163"},  {"61ede96263", "6163"}, {"61edc3a962", "6162"},
+        {"61ed616263", "616263"}, {"61eda0", "61"},        {"61ed", "61"},         {"618062", "6162"},
+        {"61f888ff62", "6162"},   {"61c34162", "6162"},    {"61e2824162", "6162"}, {"61e24162", "6162"},
+        {"61f09f984162", "6162"}, {"61c3c3a962", "6162"},  {"61e282", "61"},       {"61c3", "61"},
+        {"61f09f98", "61"},       {"61f880808062", "6162"}};
     for (const auto& [before, after] : rows) {
         const std::string s = StringUtils::byteVectorToString(StringUtils::hexStringToByteVector(before));
         const std::string cleaned = StringUtils::removeNonUtf8Characters(s);
         EXPECT_FALSE(StringUtils::isValidUtf8String(s)) << before;
         EXPECT_EQ(StringUtils::byteVectorToHexString({cleaned.begin(), cleaned.end()}), after) << before;
-    }
-}
-
-TEST(Utf8, RemovalKeepsWhatIsValidAndLeavesNothingElse) {
-    Generated generated;
-    const std::string alphabet = "a~\x7F\x80\x9F\xA0\xBF\xC0\xC3\xDF\xE0\xE2\xED\xEF\xF0\xF4\xF7\xF8\xFF";
-    for (int i = 0; i < 5000; ++i) {
-        const std::string s = generated.text(alphabet, 12);
-        const std::string cleaned = StringUtils::removeNonUtf8Characters(s);
-        EXPECT_TRUE(StringUtils::isValidUtf8String(cleaned));
-        EXPECT_EQ(cleaned == s, StringUtils::isValidUtf8String(s));
     }
 }

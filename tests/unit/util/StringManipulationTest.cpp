@@ -5,7 +5,6 @@
 #include <string>
 #include <vector>
 
-#include "Generated.h"
 #include "smarthome/StringUtils.h"
 
 using smarthome::StringUtils;
@@ -103,17 +102,6 @@ TEST(Splitting, FollowsTheRulesOfEachOverload) {
     EXPECT_EQ(StringUtils::split("a---b", "--"), (Fields{"a", "-b"}));
     EXPECT_EQ(StringUtils::split("ab", ""), (Fields{"ab"}));
     EXPECT_EQ(StringUtils::split("", "--"), Fields{});
-}
-
-TEST(Splitting, JoinsBackToTheInput) {
-    Generated generated;
-    for (int i = 0; i < 3000; ++i) {
-        const std::string s = generated.text("ab-", 12);
-        const std::string delimiter = generated.text("-a", 2) + "-";
-        std::string joined;
-        for (const std::string& field : StringUtils::split(s, delimiter)) joined += field + delimiter;
-        EXPECT_EQ(joined, s.empty() ? "" : s + delimiter);
-    }
 }
 
 TEST(BraceAwareSplit, CutsBetweenBracedElements) {
