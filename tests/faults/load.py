@@ -370,7 +370,9 @@ def soak(options):
     clients = [client() for _ in range(14)]
     laggard = client()
     restarting = client()
-    laggard.tell("slow 20000")
+    # Half the time that passes between two events. With all of it, its queue is as long as chance will have it, and so
+    # is what everybody waits for when it is sent something large.
+    laggard.tell("slow 10000")
     for peer in clients + [laggard, restarting]:
         start_traffic(peer, 20000)
     server.tell("keep 1 100000000 1024 0 20")
