@@ -155,7 +155,7 @@ private:
         std::vector<double> medians{}, tails{};
     };
 
-    void during(Phase& phase, unsigned times, const std::function<void()>& session);
+    void during(Phase& phase, unsigned sessions, const std::function<void()>& session);
     void quiet() {
         during(quiet_, 0, [] { std::this_thread::sleep_for(10ms); });
     }
@@ -183,28 +183,31 @@ void Run::check(bool holds, const std::string& what) {
     good_ = false;
 }
 
-void Run::during(Phase& phase, unsigned times, const std::function<void()>& session) {
+// At least so many sessions, in slices of equal length: the p99 of a longer time holds more of what else the machine
+// does.
+void Run::during(Phase& phase, unsigned sessions, const std::function<void()>& session) {
     double median = 0, tail = 0;
     const auto ask = [&] {
         wellBehaved_.send("figures");
         std::istringstream(wellBehaved_.hear()) >> phase.failures >> median >> tail;
     };
     ask();
-    const auto start = Clock::now();
-    for (; times > 0 || Clock::now() - start < kSlice; times -= std::min(times, 1U)) {
-        session();
-        ++phase.sessions;
-    }
-    phase.seconds += std::chrono::duration<double>(Clock::now() - start).count();
-    ask();
-    phase.medians.push_back(median);
-    phase.tails.push_back(tail);
+    unsigned done = 0;
+    do {
+        const auto start = Clock::now();
+        for (; Clock::now() - start < kSlice; ++done) session();
+        phase.seconds += std::chrono::duration<double>(Clock::now() - start).count();
+        ask();
+        phase.medians.push_back(median);
+        phase.tails.push_back(tail);
+    } while (done < sessions);
+    phase.sessions += done;
 }
 
 void Run::show(const Phase& phase) {
-    std::printf("%-28s %9u %9.0f/s %8.0f us %8.0f us %6zu slices\n", phase.what, phase.sessions,
+    std::printf("%-28s %9u %9.0f/s %8.0f us %8.0f us %8.0f us %6zu slices\n", phase.what, phase.sessions,
                 phase.sessions / phase.seconds, percentile(phase.medians, 0.5), percentile(phase.tails, 0.5),
-                phase.tails.size());
+                percentile(phase.tails, 0.9), phase.tails.size());
     check(phase.failures == 0 && percentile(phase.medians, 0.5) > 0, "calls of the well-behaved client fail");
 }
 
@@ -252,19 +255,21 @@ void Run::attackService() {
     client_.counts.clear();
     quiet();
     const Holdings usual = holdings(service_, "account");
-    constexpr unsigned rounds = 10;
+    const unsigned rounds = sessions_ < kLong ? 10 : 100;
     for (unsigned round = 0; round < rounds; ++round) {
         quiet();
         during(ordinary_, 0, [this] { client_.ordinarySession(); });
         during(beside_, sessions_ / rounds, hostile);
         client_.letGo();
     }
-    std::printf("%-28s %9s %11s %11s %11s\n", "beside the calls", "sessions", "", "p50", "p99");
+    std::printf("%-28s %9s %11s %11s %11s %11s\n", "beside the calls", "sessions", "", "p50", "p99", "in one of 10");
     for (const Phase* phase : {&warming_, &quiet_, &ordinary_, &beside_}) show(*phase);
     // Short runs are for machines that do other things as well.
     const double slack = sessions_ < kLong ? 1e5 : 500;
-    check(percentile(beside_.tails, 0.5) <= 2 * percentile(ordinary_.tails, 0.5) + slack,
-          "hostile sessions cost others more than twice what ordinary ones do");
+    for (const double part : {0.5, 0.9}) {
+        check(percentile(beside_.tails, part) <= 2 * percentile(ordinary_.tails, part) + slack,
+              "hostile sessions cost others more than twice what ordinary ones do");
+    }
     std::printf("%-28s %9zu connections\n", "as many as descriptors", client_.exhaustDescriptors());
     const double before = percentile(quiet_.tails, 0.5);
     quiet_ = Phase{"nothing, at that limit"};
