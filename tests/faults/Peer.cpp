@@ -8,6 +8,7 @@
 #include <atomic>
 #include <chrono>
 #include <csignal>
+#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <iostream>
@@ -38,6 +39,7 @@ std::atomic<unsigned long> linesOfIt{0};    // as the log was told
 std::atomic<std::uint64_t> lost{0};
 std::atomic<unsigned long> events{0}, answers{0}, failures{0}, large{0};
 std::atomic<unsigned> slowness{0};  // microseconds per event
+std::atomic<bool> explains{false};  // failures, on the error stream
 
 void say(const std::string& line) {
     static std::mutex mutex;
@@ -54,6 +56,13 @@ public:
     }
     void error(const char* format, ...) override {
         if (std::strcmp(format, "Failed to send %s to clientId %d, status: %d") == 0) ++linesOfIt;
+        if (!explains) return;
+        va_list arguments;
+        va_start(arguments, format);
+        char text[300];
+        std::vsnprintf(text, sizeof text, format, arguments);
+        va_end(arguments);
+        std::fprintf(stderr, "%d: %s\n", getpid(), text);
     }
     void warn(const char*, ...) override {}
 };
@@ -179,16 +188,23 @@ void subscribe() {
     connector->initialize();
 }
 
+void countFailure(const std::string& kind, Clock::time_point start) {
+    ++failures;
+    const std::chrono::duration<double, std::milli> spent = Clock::now() - start;
+    if (explains) std::fprintf(stderr, "%d: %s failed after %.0f ms\n", getpid(), kind.c_str(), spent.count());
+}
+
 // One request of that kind; tells when another service has answered than before.
 void ask(const std::string& kind) {
     static const std::string little = payload(kSmall, 1);
     static const std::string much = payload(kLarge, 1);
     static std::string served;  // Only the thread with synchronous requests uses it.
+    const auto start = Clock::now();
     if (kind == "sync") {
         const auto answer =
             calls.measure([] { return connector->makeSyncRequest("", "check", little.data(), sizeOf(little)); });
         std::string pid(answer.response.begin(), answer.response.end());
-        if (answer.status != RequestStatus::Success) ++failures;
+        if (answer.status != RequestStatus::Success) countFailure(kind, start);
         if (answer.status != RequestStatus::Success || pid == served) return;
         if (pid == "bad") ++bad;
         say("served " + pid);
@@ -197,7 +213,7 @@ void ask(const std::string& kind) {
         const std::string& request = kind == "large" ? much : little;
         const auto status = connector->makeAsyncRequestWithRecurringCallback("", kind == "fetch" ? "fetch" : "check",
                                                                              request.data(), sizeOf(request));
-        if (status != RequestStatus::Success) ++failures;
+        if (status != RequestStatus::Success) countFailure(kind, start);
     }
 }
 
@@ -274,6 +290,10 @@ void obey(const std::string& line) {
         unsigned each = 0;
         words >> each;
         slowness = each;
+    } else if (order == "explain") {  // 0 or 1
+        bool wanted = false;
+        words >> wanted;
+        explains = wanted;
     } else if (order == "calls") {
         say("calls " + calls.take());
     } else if (order == "report") {

@@ -373,6 +373,8 @@ def soak(options):
     # Half the time that passes between two events. With all of it, its queue is as long as chance will have it, and so
     # is what everybody waits for when it is sent something large.
     laggard.tell("slow 10000")
+    for peer in clients + [laggard]:
+        peer.tell("explain", 1)  # No call should fail but one that had to wait three seconds for the slow one.
     for peer in clients + [laggard, restarting]:
         start_traffic(peer, 20000)
     server.tell("keep 1 100000000 1024 0 20")
@@ -403,6 +405,8 @@ def soak(options):
             for peer in clients:
                 peer.answer("calls", "calls ")
     last = p99_of(clients)
+    for peer in clients + [laggard]:
+        peer.tell("explain", 0)
     restarting.kill()
     now = least_held(watched)
     gained = ["%s, then %s" % pair for pair in zip(held, now) if pair[1][0] > pair[0][0] or pair[1][1] > pair[0][1]]
