@@ -374,7 +374,7 @@ def soak(options):
     # is what everybody waits for when it is sent something large.
     laggard.tell("slow 10000")
     for peer in clients + [laggard]:
-        peer.tell("explain", 1)  # No call should fail but one that had to wait three seconds for the slow one.
+        peer.tell("explain", 1)  # The service stays, so that no call should fail.
     for peer in clients + [laggard, restarting]:
         start_traffic(peer, 20000)
     server.tell("keep 1 100000000 1024 0 20")
